@@ -1,0 +1,160 @@
+// One browser connection and the HTTP message currently being handled on it.
+// The object owns both sockets of the session (browser side and server side),
+// reads and parses request and response headers, splits the request target,
+// opens or reuses the upstream connection and asks the filter for a verdict.
+// CProxyClient derives from it and drives it once per request.
+#pragma once
+
+#include <atomic>
+#include <map>
+#include <string>
+
+#include "vxproxy/log.h"
+#include "vxproxy/stringbuffer.h"
+#include "vxproxy/types.h"
+
+class CProxyManager;
+class CVxHTTPProxy;
+
+// Fixed sizes and limits of the HTTP layer.
+constexpr int kHeaderRecvBytes = 1024;      // stack buffer of header and chunk receives
+constexpr int kRelayRecvBytes = 4096;       // stack buffer of relays and the tunnel
+constexpr int kWaitSliceMs = 5000;          // longest single select of a wait
+constexpr int kUnknownBodyLength = 0x7FFFFFFF;  // "read until the server closes"
+// A header that has not ended after this many bytes is not a header we serve;
+// without a cap one peer could grow the receive buffer without bound.
+constexpr int kMaxHeaderBytes = 65536;
+
+// Waits of a session. The defaults are the ones the proxy runs with; a test
+// may shorten them to keep its run time down.
+struct HttpWaits {
+  int requestFirstSec = 30;    // browser's first header bytes
+  int requestNextSec = 60;     // every later wait of a request header
+  int responseSec = 240;       // server's response header
+  int receiveMoreSec = 240;    // chunked body receives
+  int relaySec = 60;           // each step of a body relay and of the tunnel
+  int livenessMs = 25;         // quiet period that proves a kept connection alive
+};
+
+class CHTTPRequest {
+ public:
+  explicit CHTTPRequest(SOCKET client);
+
+  // Reads one message header from the socket. 0 = read and parsed; 1 = a wait
+  // failed or timed out; 2 = the peer closed, recv failed or the header grew
+  // beyond kMaxHeaderBytes.
+  virtual int ReadHeader(SOCKET socket, bool isRequest);   // slot 0
+  virtual ~CHTTPRequest();                                 // slot 1
+  // True when the current request may pass; false when it was blocked (the
+  // block has then been logged, counted and announced).
+  virtual bool Evaluate();                                 // slot 2
+  virtual bool IsInternal();                               // slot 3: always false
+
+  CHTTPRequest(const CHTTPRequest&) = delete;
+  CHTTPRequest& operator=(const CHTTPRequest&) = delete;
+
+  // ------------------------------------------------ socket primitives --
+  // Results: a byte count, -1 on failure, -2 on time-out. A destination of
+  // INVALID_SOCKET drops the bytes (a copy buffer still receives them).
+  int SendAll(SOCKET socket, const char* data, int length);
+  // 1 = first socket readable, 2 = second (the first wins a tie), -1 select
+  // error, -2 time-out or no valid socket.
+  int WaitForData(SOCKET first, SOCKET second, int timeoutMs);
+  int WaitForSocket(SOCKET socket, int seconds);
+  int WaitForEither(SOCKET first, SOCKET second, int seconds);
+  int CountReceived(SOCKET socket, int received);
+  int ReceiveMore(SOCKET socket);
+  int RelayBytes(SOCKET source, SOCKET destination, int count, CBufStream* copy);
+  int RelayWatched(SOCKET source, SOCKET destination, int limit, CBufStream* copy);
+  int ForwardBody(SOCKET source, SOCKET destination, int length, CBufStream* copy);
+  int DiscardBody(SOCKET source);
+  int Tunnel(SOCKET first, SOCKET second);
+  bool IsUpstreamAlive();
+  void CloseUpstream();
+  // Also called from another thread to end a blocked session.
+  void CloseConnections();
+
+  // ------------------------------------------------- header reader --
+  void ParseHeaderLines(int startLineSize, bool isRequest);
+  bool ShouldPass();
+  void RecordBlocked(const char* site);
+  // Whether a response with the current status carries a body even without
+  // a Content-Length.
+  bool IsBodyAllowed();
+  const CStringBuffer& GetConnectionTag() const { return connectionTag_; }
+  CMemLog& GetTraceLog() { return traceLog_; }
+
+  // ------------------------------------- request target and connect --
+  void ParseRequestTarget(const CStringBuffer& startLine);
+  void SplitHostPort();
+  static unsigned short SplitHostPort(const char* hostPort, CStringBuffer& host);
+  bool ConnectUpstream();
+
+ protected:
+  // Tests only: shorter waits.
+  void SetWaits(const HttpWaits& waits) { waits_ = waits; }
+
+  // Header field handlers: each gets the whole line and the table's field
+  // name and says whether the line is kept for forwarding.
+  using FieldHandler = bool (CHTTPRequest::*)(CStringBuffer& line, const char* name);
+  struct FieldHandlerRow {
+    const char* name;
+    FieldHandler handler;
+  };
+  static const FieldHandlerRow kFieldHandlers[8];
+
+  bool OnContentLength(CStringBuffer& line, const char* name);
+  bool OnTransferEncoding(CStringBuffer& line, const char* name);
+  bool OnConnection(CStringBuffer& line, const char* name);
+  bool OnProxyConnection(CStringBuffer& line, const char* name);
+  bool OnProxyAuthorization(CStringBuffer& line, const char* name);
+  bool OnContentType(CStringBuffer& line, const char* name);
+  bool OnReferer(CStringBuffer& line, const char* name);
+  bool OnProxyDestination(CStringBuffer& line, const char* name);
+
+  // The members, in the order the session's model lists them.
+  CStringBuffer keptHost_;            // host of the open upstream connection
+  CStringBuffer connectHost_;         // where ConnectUpstream goes; set by the session
+  CStringBuffer connectionTag_;       // "a.b.c.d:port    ", first item of event lines
+  CStringBuffer headerLines_;         // last header; after parsing, without its start line
+  CStringBuffer rawHeader_;           // last header verbatim, start line and blank line included
+  CBufStream receiveBuffer_;          // received, not yet consumed
+  CStringBuffer otherHeaderLines_;    // kept field lines, CRLF each, in received order
+  CStringBuffer scheme_;
+  CStringBuffer path_;                // without the query
+  CStringBuffer typeWord_;
+  CStringBuffer host_;                // without the port
+  CStringBuffer method_;
+  CStringBuffer refererHost_;         // with ":port" unless the port is 0 or 80
+  CStringBuffer requestTarget_;       // path with the query
+  CStringBuffer version_;
+  CStringBuffer startLine_;           // first line of the last header, with its CRLF
+  CStringBuffer requestLine_;         // method, blank, URL
+  CStringBuffer proxyDestination_;    // empty when absent or naming this proxy
+  CStringBuffer proxyConnectionLine_; // the line as received plus CRLF
+  CStringBuffer localAddress_;        // "a.b.c.d:port" of our end of the client connection
+  CStringBuffer responseTypeWord_;
+  int statusCode_;
+  unsigned short urlPort_;
+  unsigned short connectPort_;
+  unsigned short keptPort_;
+  int contentLength_;
+  bool closeFlag_;
+  bool chunkedFlag_;
+  // Atomic because a shut-down closes them from another thread.
+  std::atomic<SOCKET> clientSocket_;
+  std::atomic<SOCKET> upstreamSocket_;
+  int bytesFromClient_;
+  int bytesFromUpstream_;
+  CProxyManager* registry_;
+  bool useUpstreamProxy_;
+  CMemLog blockedLog_;                // log 4, blocked.log
+  CMemLog traceLog_;                  // log 8, request.log
+  CMemLogEx eventLog_;                // log 2, proxy.log
+  std::map<std::string, std::string> headerMap_;  // lower-case name -> trimmed value
+  CVxHTTPProxy* proxy_;
+  bool deferredCheck_;
+  int verdict_;
+
+  HttpWaits waits_;
+};
