@@ -101,11 +101,22 @@ class CVxHTTPProxy : public CThreadEx {
 
   unsigned short GetPort() const { return port_; }
 
+  // Writes one line to the service's memory log. The memory log is shared by
+  // the host's thread, the accept thread and the workers, so whole lines are
+  // built under a lock and never interleave.
+  template <typename... Pieces>
+  void LogLine(int level, const Pieces&... pieces) {
+    CAutoSync guard(memLogLock_);
+    memLog_ << CLogManip(level);
+    ((memLog_ << pieces), ...);
+    memLog_ << lend;
+  }
+
  private:
   void OpenLogs();
   void LogTime(int level, const char* text);
 
-  SOCKET listenSocket_;
+  std::atomic<SOCKET> listenSocket_;  // read by the accept loop on every pass
   std::map<std::string, std::string> mimeTable_;
   std::map<std::string, std::string> typeWordTable_;
   CLog ownLog_;
@@ -130,7 +141,7 @@ class CVxHTTPProxy : public CThreadEx {
   CStringBuffer hostFolder_;
   CCriticalSectionEx notifyLock_;
   CMemLogEx memLog_;
-  std::atomic<SOCKET> acceptSocket_;  // the socket the accept loop waits on
+  CCriticalSectionEx memLogLock_;
 };
 
 extern "C" VX_EXPORT CVxHTTPProxy* GetProxy();

@@ -1,0 +1,149 @@
+// The host program: loads the proxy module the way the desktop application
+// does, and drives it through GetProxy and the service's virtual operations.
+//
+//   vxproxy [run] [--data DIR] [--logs DIR] [--filters DIR] [--upstream HOST:PORT]
+//                 [--no-filter] [--trace]
+//   vxproxy check ...            (see check.h)
+#include <dlfcn.h>
+
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "check.h"
+#include "platform/platform.h"
+#include "vxproxy/vxproxy.h"
+
+namespace {
+
+std::atomic<bool> g_stopRequested{false};
+
+void OnStopSignal(int) { g_stopRequested = true; }
+
+int Usage() {
+  std::fprintf(stderr,
+               "usage: vxproxy [run] [--data DIR] [--logs DIR] [--filters DIR] "
+               "[--upstream HOST:PORT] [--no-filter] [--trace]\n"
+               "       vxproxy check [--filters FILE] [--approved FILE] [--type WORD] "
+               "[--referer URL] [--redirect] URL\n"
+               "       vxproxy check --filters FILE [--approved FILE] --batch\n");
+  return 2;
+}
+
+// The module sits beside the program.
+std::string ModulePath() {
+  char self[4096] = {};
+  std::string path;
+  if (os::GetModuleFileNameA(nullptr, self, sizeof self) > 0) {
+    path = os::NativePath(self);
+    path.erase(path.find_last_of('/') + 1);
+  }
+  return path + "libvxproxy.so";
+}
+
+struct RunOptions {
+  std::string data = ".";
+  std::string logs;
+  std::string filters;
+  std::string upstream;
+  bool filtering = true;
+  bool trace = false;
+};
+
+bool ParseRun(int argc, char** argv, int first, RunOptions* options) {
+  for (int i = first; i < argc; ++i) {
+    const std::string arg = argv[i];
+    auto value = [&](std::string* out) {
+      if (i + 1 >= argc) return false;
+      *out = argv[++i];
+      return true;
+    };
+    if (arg == "--data") {
+      if (!value(&options->data)) return false;
+    } else if (arg == "--logs") {
+      if (!value(&options->logs)) return false;
+    } else if (arg == "--filters") {
+      if (!value(&options->filters)) return false;
+    } else if (arg == "--upstream") {
+      if (!value(&options->upstream)) return false;
+    } else if (arg == "--no-filter") {
+      options->filtering = false;
+    } else if (arg == "--trace") {
+      options->trace = true;
+    } else {
+      std::fprintf(stderr, "vxproxy: unknown argument %s\n", arg.c_str());
+      return false;
+    }
+  }
+  if (options->filters.empty()) options->filters = options->data;
+  if (options->logs.empty()) options->logs = options->data;
+  return true;
+}
+
+int Run(const RunOptions& options) {
+  const std::string modulePath = ModulePath();
+  void* module = dlopen(modulePath.c_str(), RTLD_NOW | RTLD_LOCAL);
+  if (module == nullptr) {
+    std::fprintf(stderr, "vxproxy: cannot load %s: %s\n", modulePath.c_str(), dlerror());
+    return 1;
+  }
+  auto getProxy = reinterpret_cast<GetProxyFunction>(dlsym(module, "GetProxy"));
+  if (getProxy == nullptr) {
+    std::fprintf(stderr, "vxproxy: %s has no GetProxy\n", modulePath.c_str());
+    return 1;
+  }
+  CVxHTTPProxy* proxy = getProxy();
+  proxy->SetDataFolder(options.data.c_str());
+  proxy->SetLogFolder(options.logs.c_str());
+  proxy->SetFilterFolder(options.filters.c_str());
+  if (!options.upstream.empty()) {
+    const size_t colon = options.upstream.rfind(':');
+    CStringBuffer host(options.upstream.substr(0, colon).c_str());
+    const unsigned short port = colon == std::string::npos
+        ? 80 : static_cast<unsigned short>(std::atoi(options.upstream.c_str() + colon + 1));
+    proxy->SetUpstreamProxy(host, &port);
+  }
+  proxy->EnableFiltering(options.filtering);
+  if (options.trace) proxy->SetTraceMode(2);
+
+  if (!proxy->Start()) {
+    const std::string filters = options.filters + "\\filters.txt";
+    if (!os::FileExists(filters.c_str())) {
+      std::fprintf(stderr, "vxproxy: cannot start: no filter list at %s\n",
+                   os::NativePath(filters.c_str()).c_str());
+    } else {
+      std::fprintf(stderr, "vxproxy: cannot start (see proxy.log in %s)\n", options.logs.c_str());
+    }
+    return 1;
+  }
+  // Start writes the port actually in use back to the settings file.
+  char port[16] = {};
+  const std::string ini = options.data + "\\vexilo.ini";
+  os::GetPrivateProfileStringA("Vexilo", "Port", "7070", port, sizeof port, ini.c_str());
+  std::printf("vxproxy: listening on 127.0.0.1:%s\n", port);
+  std::fflush(stdout);
+
+  std::signal(SIGINT, OnStopSignal);
+  std::signal(SIGTERM, OnStopSignal);
+  while (!g_stopRequested) os::Sleep(100);
+  proxy->Stop();
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc > 1 && std::strcmp(argv[1], "check") == 0) return RunCheckCommand(argc - 1, argv + 1);
+  int first = 1;
+  if (argc > 1 && std::strcmp(argv[1], "run") == 0) first = 2;
+  if (argc > 1 && (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0)) {
+    Usage();
+    return 0;
+  }
+  RunOptions options;
+  if (!ParseRun(argc, argv, first, &options)) return Usage();
+  return Run(options);
+}

@@ -1,0 +1,24 @@
+#!/usr/bin/env bash
+# Builds everything and runs the whole suite twice (a normal build and an
+# AddressSanitizer + UndefinedBehaviorSanitizer build), then the threaded
+# suites under ThreadSanitizer. Installs missing packages first.
+set -euo pipefail
+root="$(cd "$(dirname "$0")/.." && pwd)"
+"$root/scripts/deps.sh"
+jobs="$(nproc)"
+
+run_suite() {
+  local flavour="$1"; shift
+  echo "== $flavour: build"
+  "$root/scripts/build.sh" "$flavour"
+  echo "== $flavour: test"
+  (cd "$root/build/$flavour" && ctest --output-on-failure -j "$jobs" --timeout 300 "$@")
+}
+
+export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1"
+export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
+export TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1"
+run_suite release
+run_suite asan
+run_suite tsan -L threaded
+echo "== all suites passed"

@@ -1,0 +1,37 @@
+// The registry of client workers: the ones still running and the ones whose
+// session has ended and that wait to be freed by the accept thread.
+#pragma once
+
+#include <vector>
+
+#include "vxproxy/threads.h"
+
+class CProxyClient;
+
+class CProxyManager {
+ public:
+  static CProxyManager* Instance();
+
+  virtual ~CProxyManager();
+
+  bool Add(CProxyClient* worker);
+  bool OnWorkerFinished(CProxyClient* worker);
+  void Reap();
+  void StopAll();
+  int GetActiveCount();
+
+  // Grace period of a shut-down: StopAll sleeps this long per look at the
+  // finished list, at most kStopAllTries times. Tests may shorten the sleep.
+  static constexpr unsigned long kStopAllSleepMs = 1000;
+  static constexpr int kStopAllTries = 4;
+  void SetStopAllSleepForTesting(unsigned long ms) { stopAllSleepMs_ = ms; }
+
+ private:
+  CProxyManager();
+
+  std::vector<CProxyClient*> active_;
+  std::vector<CProxyClient*> finished_;
+  CCriticalSectionEx activeLock_;
+  CCriticalSectionEx finishedLock_;
+  unsigned long stopAllSleepMs_ = kStopAllSleepMs;
+};

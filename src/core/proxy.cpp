@@ -1,0 +1,444 @@
+#include "vxproxy/proxy.h"
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+
+#include "client/proxyclient.h"
+#include "client/proxymanager.h"
+#include "core/typewords.h"
+#include "log/levels.h"
+#include "platform/platform.h"
+#include "vxproxy/files.h"
+
+namespace {
+
+constexpr int kListenBacklog = 5;
+constexpr long kAcceptWaitSeconds = 1;
+constexpr DWORD kReapIntervalMs = 5000;
+constexpr DWORD kHostPathSize = 260;
+constexpr DWORD kPortTextSize = 10;  // at most nine characters of the port are seen
+constexpr int kHostNameSize = 256;
+
+struct LogFileRow {
+  const char* name;
+  int number;
+  unsigned long maxSize;
+  int flushThreshold;
+  int levelMask;
+};
+
+// Opened in this order by Initialize.
+constexpr LogFileRow kLogFiles[] = {
+    {"\\blocked.log", kLogBlocked, 262144, 1024, 0},
+    {"\\request.log", kLogRequest, 5242880, 10240, kLevelWarning | kLevelDebug},
+    {"\\proxy.log", kLogProxy, 5242880, 10240, kLevelError | kLevelWarning | kLevelInfo},
+};
+
+// Socket-library start-ups that have not been matched by a clean-up.
+std::atomic<int> g_socketStartups{0};
+
+void StartSockets() {
+  if (os::WSAStartup() == 0) ++g_socketStartups;
+}
+
+void CleanupSockets() {
+  int count = g_socketStartups.load();
+  while (count > 0 && !g_socketStartups.compare_exchange_weak(count, count - 1)) {
+  }
+  if (count == 1) os::WSACleanup();
+}
+
+bool EqualsNoCase(const char* a, const char* b) {
+  CStringBuffer text(a);
+  return text == b;
+}
+
+void ReportFilterError(void* context, const char* message, const char* detail) {
+  static_cast<CVxHTTPProxy*>(context)->LogLine(kLevelError, message, detail);
+}
+
+}  // namespace
+
+extern "C" CVxHTTPProxy* GetProxy() {
+  // Constructed on the first call (the library's load-time entry) and
+  // destroyed at process exit or unload.
+  static CVxHTTPProxy proxy;
+  return &proxy;
+}
+
+// ------------------------------------------------------------ life cycle --
+
+CVxHTTPProxy::CVxHTTPProxy()
+    : listenSocket_(INVALID_SOCKET),
+      ownLog_(nullptr, 0),
+      port_(0),
+      filteringEnabled_(true),
+      upstreamPort_(0),
+      instance_(nullptr),
+      traceMode_(1),
+      clients_(CProxyManager::Instance()),
+      headerManager_(nullptr),
+      filteredRequests_(0),
+      blockedImages_(0),
+      blockedFlash_(0),
+      memLog_(&ownLog_) {
+  memLog_.Attach(GetLog(kLogProxy));
+  StartSockets();
+
+  char path[kHostPathSize] = {};
+  if (os::GetModuleFileNameA(nullptr, path, kHostPathSize) > 0) {
+    if (char* slash = std::strrchr(path, '\\')) *slash = '\0';
+    SetHostFolder(path);
+  }
+  filterEngine_.SetErrorReporter(&ReportFilterError, this);
+}
+
+CVxHTTPProxy::~CVxHTTPProxy() {
+  SOCKET s = listenSocket_.exchange(INVALID_SOCKET);
+  if (s != INVALID_SOCKET) os::closesocket(s);
+  filterEngine_.ClearRules();
+  headerManager_ = nullptr;
+  mimeTable_.clear();
+  CleanupSockets();
+  for (NotifyTarget* target : notifyTargets_) delete target;
+  notifyTargets_.clear();
+}
+
+bool CVxHTTPProxy::Initialize() {
+  StartSockets();
+  Uninitialize();
+  FillMimeTable(mimeTable_);
+  FillTypeWordTable(typeWordTable_);
+  CStringBuffer path(dataFolder_);
+  path << "\\vexilo.xml";
+  settings_.ParseFile(path);  // a missing or broken settings document is no error
+  LoadPort();
+  OpenLogs();
+  return LoadFilterLists();
+}
+
+void CVxHTTPProxy::OpenLogs() {
+  CFileStream::CreatePath(logFolder_, false);
+  CLogManager* logs = CLogManager::Instance();
+  for (const LogFileRow& row : kLogFiles) {
+    CStringBuffer path(logFolder_);
+    path << row.name;
+    logs->CreateLog(row.number, path);
+    CLog* log = logs->GetLog(row.number);
+    if (log == nullptr) continue;
+    if (log->IsOpen()) {
+      log->SetFlushThreshold(row.flushThreshold);
+      log->SetMaxSize(row.maxSize);
+    }
+    log->SetLevelMask(row.levelMask);
+  }
+  CAutoSync guard(memLogLock_);
+  memLog_.Attach(GetLog(kLogProxy));
+}
+
+void CVxHTTPProxy::Uninitialize() {
+  SOCKET s = listenSocket_.exchange(INVALID_SOCKET);
+  if (s != INVALID_SOCKET) os::closesocket(s);
+  filterEngine_.ClearRules();
+  mimeTable_.clear();
+  {
+    CAutoSync guard(memLogLock_);
+    memLog_.Attach(nullptr);
+  }
+  CLogManager::Instance()->DeleteAll();
+  os::WSACleanup();
+}
+
+bool CVxHTTPProxy::LoadFilterLists() {
+  bool filters = false;
+  CStringBuffer path(filterFolder_);
+  path << "\\filters.txt";
+  if (filterEngine_.SetFiltersFile(path)) filters = filterEngine_.LoadFilters();
+  path = dataFolder_;
+  path << "\\vexilowl.txt";
+  const bool approved = filterEngine_.LoadUserApprovedList(path);
+  return filters && approved;
+}
+
+void CVxHTTPProxy::LoadPort() {
+  if (port_ != 0) return;
+  CStringBuffer path(dataFolder_);
+  path << "\\vexilo.ini";
+  char text[kPortTextSize] = {};
+  os::GetPrivateProfileStringA("Vexilo", "Port", "7070", text, kPortTextSize, path);
+  // atoi semantics: leading blanks and a sign, digits up to the first other
+  // character; the result wraps into 16 bits.
+  const char* p = text;
+  while (*p == ' ' || *p == '\t') ++p;
+  bool negative = false;
+  if (*p == '+' || *p == '-') negative = *p++ == '-';
+  long value = 0;
+  while (*p >= '0' && *p <= '9') value = value * 10 + (*p++ - '0');
+  port_ = static_cast<unsigned short>(negative ? -value : value);
+}
+
+void CVxHTTPProxy::LogTime(int level, const char* text) {
+  LogLine(level, text, static_cast<vxtime64_t>(os::Time64()));
+}
+
+bool CVxHTTPProxy::Start() {
+  if (isRunning()) return true;
+  OpenStatistics();
+  SOCKET old = listenSocket_.exchange(INVALID_SOCKET);
+  if (old != INVALID_SOCKET) os::closesocket(old);
+  if (!Initialize()) return false;
+  LogTime(kLevelInfo, "Starting Proxy @");
+
+  SOCKET s = os::CreateTcpSocket();
+  if (s == INVALID_SOCKET) return false;
+  listenSocket_ = s;
+  if (os::BindAny(s, port_) != 0) {
+    // The configured port is taken: let the system choose a free one.
+    if (port_ == 0 || (port_ = 0, os::BindAny(s, 0) != 0)) {
+      LogLine(kLevelError, "Proxy failed to bind");
+      return false;
+    }
+  }
+  if (port_ == 0) {
+    std::uint32_t address = 0;
+    std::uint16_t bound = 0;
+    if (os::getsockname(s, &address, &bound) == 0) port_ = bound;
+  }
+  if (os::listen(s, kListenBacklog) != 0) {
+    LogLine(kLevelError, "Proxy failed to listen");
+    return false;
+  }
+
+  CStringBuffer iniPath(dataFolder_);
+  iniPath << "\\vexilo.ini";
+  CStringBuffer portText;
+  portText << port_;
+  os::WritePrivateProfileStringA("Vexilo", "Port", portText, iniPath);
+
+  settings_.Store(settings_.GetFileName());
+  LogLine(kLevelInfo, "Proxy started on port ", port_);
+  return CThreadEx::Start();
+}
+
+DWORD CVxHTTPProxy::Run() {
+  CProxyManager* clients = CProxyManager::Instance();
+  DWORD lastReap = os::GetTickCount();
+  for (;;) {
+    if (os::GetTickCount() - lastReap > kReapIntervalMs) {
+      clients->Reap();
+      lastReap = os::GetTickCount();
+    }
+    const SOCKET listener = listenSocket_;
+    const int ready = os::SelectRead(listener, INVALID_SOCKET, kAcceptWaitSeconds, 0);
+    if (ready == 0) continue;
+    if (ready < 0) return 0;  // closed by Stop, or failed
+
+    std::uint32_t peer = 0;
+    std::uint16_t peerPort = 0;
+    SOCKET accepted = os::accept(listener, &peer, &peerPort);
+    if (accepted == INVALID_SOCKET) return 0;
+    if (peer != os::kLoopbackAddress) {
+      os::closesocket(accepted);  // only browsers on this machine are served
+      continue;
+    }
+    CProxyClient* worker = new (std::nothrow) CProxyClient(accepted);
+    if (worker == nullptr) {
+      os::closesocket(accepted);
+      continue;
+    }
+    clients->Add(worker);
+    // A worker whose thread cannot start is handed straight to the reaper.
+    if (!worker->Start()) clients->OnWorkerFinished(worker);
+  }
+}
+
+bool CVxHTTPProxy::Stop() {
+  LogTime(kLevelInfo, "Proxy stop called @");
+  CProxyManager* clients = CProxyManager::Instance();
+  SOCKET s = listenSocket_.exchange(INVALID_SOCKET);
+  if (s != INVALID_SOCKET) os::closesocket(s);
+  clients->StopAll();
+  CloseStatistics();
+  LogTime(kLevelInfo, "Proxy Stopped @");
+  Uninitialize();
+  return CThreadEx::Stop();
+}
+
+// -------------------------------------------------------- simple members --
+
+CMemLogEx* CVxHTTPProxy::GetMemLog() { return &memLog_; }
+
+CLog* CVxHTTPProxy::GetLog(int number) {
+  CLog* log = CLogManager::Instance()->GetLog(number);
+  return log != nullptr ? log : &ownLog_;
+}
+
+CSecureXMLParser* CVxHTTPProxy::GetSettings() { return &settings_; }
+
+const char* CVxHTTPProxy::GetMimeType(const char* typeWord) {
+  return ::GetMimeType(mimeTable_, typeWord);
+}
+
+int CVxHTTPProxy::GetActiveClientCount() { return clients_->GetActiveCount(); }
+CFilterEngine* CVxHTTPProxy::GetFilterEngine() { return &filterEngine_; }
+CHeaderManager* CVxHTTPProxy::GetHeaderManager() { return headerManager_; }
+bool CVxHTTPProxy::IsFilteringEnabled() { return filteringEnabled_; }
+
+bool CVxHTTPProxy::EnableFiltering(bool enable) {
+  filteringEnabled_ = enable;
+  return filteringEnabled_;
+}
+
+void CVxHTTPProxy::SetUpstreamProxy(const CStringBuffer& host, const unsigned short* port) {
+  upstreamHost_ = host;
+  upstreamPort_ = port != nullptr ? *port : 0;
+}
+
+CStringBuffer* CVxHTTPProxy::GetUpstreamProxy(unsigned short* port) {
+  if (port != nullptr) *port = upstreamPort_;
+  return &upstreamHost_;
+}
+
+HMODULE CVxHTTPProxy::SetInstanceHandle(HMODULE instance) {
+  instance_ = instance;
+  return instance_;
+}
+
+HMODULE CVxHTTPProxy::GetInstanceHandle() { return instance_; }
+void CVxHTTPProxy::Reserved23() {}
+CSiteCounter* CVxHTTPProxy::GetSiteCounter() { return &siteCounter_; }
+void CVxHTTPProxy::SetDataFolder(const char* folder) { dataFolder_ = folder; }
+void CVxHTTPProxy::SetFilterFolder(const char* folder) { filterFolder_ = folder; }
+void CVxHTTPProxy::SetLogFolder(const char* folder) { logFolder_ = folder; }
+const char* CVxHTTPProxy::GetDataFolder() { return dataFolder_; }
+const char* CVxHTTPProxy::GetFilterFolder() { return filterFolder_; }
+const char* CVxHTTPProxy::GetLogFolder() { return logFolder_; }
+void CVxHTTPProxy::SetHostFolder(const char* folder) { hostFolder_ = folder; }
+const char* CVxHTTPProxy::GetHostFolder() { return hostFolder_; }
+
+void CVxHTTPProxy::ReleaseDocuments() {
+  settings_.Destroy();
+  siteCounter_.Destroy();
+}
+
+void CVxHTTPProxy::OpenStatistics() {
+  CStringBuffer path(logFolder_);
+  path << "\\siteinfo.log";
+  siteCounter_.Open(path);
+  path = dataFolder_;
+  path << "\\sitecounter.xml";
+  siteCounter_.OpenGlobal(path);
+}
+
+std::int64_t CVxHTTPProxy::CloseStatistics() {
+  siteCounter_.SetLoaded(false);
+  return static_cast<std::int64_t>(siteCounter_.GetHistory());
+}
+
+int CVxHTTPProxy::GetTraceMode() { return traceMode_; }
+
+int CVxHTTPProxy::SetTraceMode(int mode) {
+  traceMode_ = mode;
+  return traceMode_;
+}
+
+bool CVxHTTPProxy::IsLocalHostName(const char* name) {
+  if (name == nullptr) return false;
+  if (EqualsNoCase(name, "localhost")) return true;
+  if (std::strlen(name) >= 8) {
+    CStringBuffer head;
+    head.AddString(name, 8);
+    if (head == "127.0.0.") return true;
+  }
+  char hostName[kHostNameSize] = {};
+  if (os::gethostname(hostName, kHostNameSize) == 0) {
+    if (EqualsNoCase(name, hostName)) return true;
+    const std::uint32_t address = os::inet_addr(name);
+    if (address != os::INADDR_NONE_VALUE) {
+      std::vector<std::uint32_t> addresses;
+      if (os::gethostbyname(hostName, &addresses)) {
+        return std::find(addresses.begin(), addresses.end(), address) != addresses.end();
+      }
+    }
+  }
+  char computer[kHostNameSize] = {};
+  DWORD size = kHostNameSize;
+  if (!os::GetComputerNameA(computer, &size)) return false;
+  return EqualsNoCase(name, computer);
+}
+
+// ---------------------------------------------------------------- counters --
+
+void CVxHTTPProxy::CountFilteredRequest() { ++filteredRequests_; }
+int CVxHTTPProxy::GetFilteredRequests() { return static_cast<int>(filteredRequests_.load()); }
+int CVxHTTPProxy::GetBlockedImages() { return static_cast<int>(blockedImages_.load()); }
+int CVxHTTPProxy::GetBlockedFlash() { return static_cast<int>(blockedFlash_.load()); }
+void CVxHTTPProxy::CountBlockedImage() { ++blockedImages_; }
+void CVxHTTPProxy::CountBlockedFlash() { ++blockedFlash_; }
+
+int CVxHTTPProxy::ResetCounters() {
+  filteredRequests_ = 0;
+  blockedImages_ = 0;
+  blockedFlash_ = 0;
+  return 0;
+}
+
+// -------------------------------------------------------------- type words --
+
+void CVxHTTPProxy::NormalizeTypeWord(CStringBuffer& word) { ::NormalizeTypeWord(typeWordTable_, word); }
+bool CVxHTTPProxy::IsReplaceableType(CStringBuffer& word) { return ::IsReplaceableType(word); }
+bool CVxHTTPProxy::IsImageWord(CStringBuffer& word) { return ::IsImageWord(word); }
+bool CVxHTTPProxy::IsFlashWord(CStringBuffer& word) { return ::IsFlashWord(word); }
+bool CVxHTTPProxy::IsPageWord(CStringBuffer& word) { return ::IsPageWord(word); }
+
+// ----------------------------------------------------------- notifications --
+
+NotifyTarget* CVxHTTPProxy::AddNotifyTarget(HWND window, DWORD threadId, UINT messageId,
+                                            DWORD eventMask, bool enabled) {
+  CAutoSync guard(notifyLock_);
+  NotifyTarget* found = nullptr;
+  for (NotifyTarget* target : notifyTargets_) {
+    if (target->messageId == messageId && target->window == window &&
+        target->threadId == threadId) {
+      found = target;
+      break;
+    }
+  }
+  if (found == nullptr) {
+    found = new NotifyTarget{messageId, window, threadId, 0, false};
+    notifyTargets_.push_back(found);
+  }
+  found->eventMask = eventMask;
+  found->enabled = enabled;
+  return found;
+}
+
+void CVxHTTPProxy::RemoveNotifyTarget(HWND window, DWORD threadId, UINT messageId) {
+  CAutoSync guard(notifyLock_);
+  for (auto it = notifyTargets_.begin(); it != notifyTargets_.end(); ++it) {
+    NotifyTarget* target = *it;
+    if (target->messageId == messageId && target->window == window &&
+        target->threadId == threadId) {
+      delete target;
+      notifyTargets_.erase(it);
+      return;
+    }
+  }
+}
+
+void CVxHTTPProxy::Notify(unsigned short event) {
+  CAutoSync guard(notifyLock_);
+  for (const NotifyTarget* target : notifyTargets_) {
+    if (!target->enabled || target->messageId == 0) continue;
+    if (target->window == nullptr && target->threadId == 0) continue;
+    if ((target->eventMask & event) != event) continue;
+    // A failed post (window gone, thread without a queue) is ignored; the
+    // record stays for the next event.
+    if (target->window != nullptr) {
+      os::PostMessageA(target->window, target->messageId, event, 0);
+    } else {
+      os::PostThreadMessageA(target->threadId, target->messageId, event, 0);
+    }
+  }
+}
