@@ -1,0 +1,328 @@
+#include "client/proxyclient.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "client/proxymanager.h"
+#include "http/internal.h"
+#include "log/levels.h"
+#include "vxproxy/proxy.h"
+
+namespace {
+
+constexpr int kDefaultHttpPort = 80;
+constexpr int kDefaultHttpsPort = 443;
+// Limits of the chunked relay: a chunk size must fit a signed 32-bit count,
+// and a size or trailer line longer than this is not waited for.
+constexpr long long kMaxChunkBytes = 0x7FFFFFFF - 2;
+constexpr int kMaxChunkLineBytes = 65536;
+
+// Length of the first line of the buffer including its CRLF; 0 when the
+// buffer holds no complete line yet.
+int LineSize(const CBufStream& buffer) {
+  const char* start = buffer.GetBuffer();
+  const int size = buffer.GetSize();
+  for (int i = 0; i + 1 < size; ++i) {
+    if (start[i] == '\r' && start[i + 1] == '\n') return i + 2;
+  }
+  return 0;
+}
+
+// ":port" for an absolute URL, left out for the scheme's usual port and for 0.
+void AppendPort(CStringBuffer& out, unsigned short port, int usualPort) {
+  if (port != 0 && port != usualPort) out << ":" << port;
+}
+
+}  // namespace
+
+const CProxyClient::HandlerRow CProxyClient::kHandlers[3] = {
+    {kSchemeHttp, &CProxyClient::HandleHttp},
+    {kSchemeHttps, &CProxyClient::HandleConnect},
+    {kSchemeUnknown, &CProxyClient::HandleUnknown},
+};
+
+CProxyClient::CProxyClient(SOCKET accepted) : CThreadEx(), CHTTPRequest(accepted) {}
+
+CProxyClient::~CProxyClient() = default;
+
+// ------------------------------------------------------------ thread side --
+
+DWORD CProxyClient::Run() {
+  RunSession();
+  CloseConnections();
+  registry_->OnWorkerFinished(this);
+  return 0;
+}
+
+bool CProxyClient::CloseIfRunning() {
+  if (!isRunning()) return true;
+  // Closing both sockets makes every blocking wait of the session fail.
+  CloseConnections();
+  return false;
+}
+
+bool CProxyClient::Stop() {
+  if (CloseIfRunning()) return true;
+  return CThreadEx::Stop();
+}
+
+// ---------------------------------------------------------------- session --
+
+void CProxyClient::RunSession() {
+  useUpstreamProxy_ = true;
+  unsigned short upstreamPort = 0;
+  connectHost_ = *proxy_->GetUpstreamProxy(&upstreamPort);
+  connectPort_ = upstreamPort;
+  if (connectHost_.GetSize() == 0) useUpstreamProxy_ = false;
+
+  CSiteCounter* statistics = proxy_->GetSiteCounter();
+  int served = 0;
+  for (;;) {
+    bytesFromClient_ = 0;
+    bytesFromUpstream_ = 0;
+    deferredCheck_ = false;
+    verdict_ = 100;
+    eventLog_ << CLogManip(kLevelDebug) << connectionTag_.GetBuffer()
+              << "Reading HTTP Header from Client side.." << lend;
+    if (ReadHeader(clientSocket_, true) != 0) break;
+    ++served;
+
+    Handler handler = &CProxyClient::HandleUnknown;
+    const int scheme = GetSchemeId();
+    for (const HandlerRow& row : kHandlers) {
+      if (row.schemeId == scheme) {
+        handler = row.handler;
+        break;
+      }
+    }
+    const bool goOn = (this->*handler)();
+    statistics->AddBytes(static_cast<unsigned long>(bytesFromClient_),
+                         static_cast<unsigned long>(bytesFromUpstream_));
+    if (!goOn || closeFlag_) break;
+  }
+  statistics->AddRequests(served);
+  CloseConnections();
+}
+
+int CProxyClient::GetSchemeId() {
+  if (scheme_ == "https") return kSchemeHttps;
+  if (scheme_ == "http") return kSchemeHttp;
+  return kSchemeUnknown;
+}
+
+bool CProxyClient::HandleHttp() {
+  if (!useUpstreamProxy_) {
+    if (proxyDestination_.GetSize() > 0) {
+      connectPort_ = SplitHostPort(proxyDestination_, connectHost_);
+    } else {
+      connectHost_ = host_;
+      connectPort_ = urlPort_;
+    }
+  }
+
+  if (!Evaluate()) {
+    QueueProbe();
+    eventLog_ << CLogManip(kLevelVerbose) << connectionTag_.GetBuffer() << "Blocked: <->"
+              << host_.GetBuffer() << path_.GetBuffer() << lend;
+    if (DiscardBody(clientSocket_) == -1) return false;
+    CStringBuffer reply;
+    if (!CHTTPInternal::BuildReplacementResponse(nullptr, typeWord_, reply)) return false;
+    if (SendAll(clientSocket_, reply, reply.GetSize()) < 1) return false;
+    CloseUpstream();  // a connection kept from an earlier request is of no use now
+    return true;
+  }
+
+  CStringBuffer header;
+  if (proxyDestination_.GetSize() > 0) {
+    header = rawHeader_;
+  } else {
+    header << method_.GetBuffer() << " ";
+    // Only a request sent on to another proxy carries the absolute URL.
+    if (useUpstreamProxy_) {
+      header << scheme_.GetBuffer() << "://" << host_.GetBuffer();
+      AppendPort(header, urlPort_, kDefaultHttpPort);
+    }
+    header << requestTarget_.GetBuffer() << " " << version_.GetBuffer() << "\r\n"
+           << otherHeaderLines_.GetBuffer();
+    if (proxyConnectionLine_.GetSize() > 0) {
+      CStringBuffer line(proxyConnectionLine_);
+      line.Replace("Proxy-", "");
+      header << line.GetBuffer();
+    }
+    header << "\r\n";
+  }
+  return RelayRequest(header);
+}
+
+void CProxyClient::QueueProbe() {
+  // Size probing is not part of this build yet: without a probe worker the
+  // block is simply not measured.
+  if (proxy_->GetHeaderManager() == nullptr) return;
+}
+
+bool CProxyClient::RelayRequest(const CStringBuffer& header) {
+  CBufStream retry;  // the request body as sent, for a second attempt
+  for (int attempt = 1; attempt <= 2; ++attempt) {
+    if (!ConnectUpstream()) {
+      CloseUpstream();
+      continue;
+    }
+    if (SendAll(upstreamSocket_, header, header.GetSize()) == -1) {
+      CloseUpstream();
+      continue;
+    }
+    if (useUpstreamProxy_) {
+      traceLog_ << CLogManip(kLevelDebug) << "Proxy detected : for " << header.GetBuffer() << lend;
+    }
+
+    retry.Empty();
+    bool ok;
+    if (chunkedFlag_) {
+      eventLog_ << CLogManip(kLevelVerbose) << connectionTag_.GetBuffer()
+                << "Request has Chunked data " << lend;
+      ok = RelayChunked(clientSocket_, upstreamSocket_, &retry);
+    } else {
+      ok = ForwardBody(clientSocket_, upstreamSocket_, contentLength_, &retry) != -1;
+    }
+    retry.AddString(receiveBuffer_.GetBuffer(), receiveBuffer_.GetSize());
+
+    if (!ok || ReadHeader(upstreamSocket_, false) != 0) {
+      CloseUpstream();
+      // A chunked body cannot be sent again: it was not kept whole.
+      if (chunkedFlag_) break;
+      receiveBuffer_ = retry;
+      retry.Empty();
+      continue;
+    }
+    return RelayResponse();
+  }
+  traceLog_ << CLogManip(kLevelDebug) << connectionTag_.GetBuffer()
+            << "Connect/Send to the remote host failed " << lend;
+  return false;
+}
+
+bool CProxyClient::RelayResponse() {
+  if (deferredCheck_ && IsBodyAllowed()) {
+    bool redirect = false;
+    if (statusCode_ == 302 || statusCode_ == 303 || statusCode_ == 307) {
+      responseTypeWord_ = "gif";
+      redirect = true;
+    }
+    typeWord_ = responseTypeWord_;
+    if (proxy_->IsReplaceableType(typeWord_)) {
+      verdict_ = proxy_->GetFilterEngine()->CheckRequest(
+          host_.GetBuffer(), requestTarget_.GetBuffer(), typeWord_.GetBuffer(), headerMap_,
+          redirect);
+      if (verdict_ != 100 && verdict_ != 200) {
+        proxy_->GetSiteCounter()->AddAdSize(
+            static_cast<std::uint64_t>(static_cast<std::int64_t>(contentLength_)));
+        CStringBuffer site(host_);
+        AppendPort(site, urlPort_, kDefaultHttpPort);
+        site.ToLower();
+        RecordBlocked(site);
+        CStringBuffer reply;
+        if (!CHTTPInternal::BuildReplacementResponse(nullptr, typeWord_, reply)) return false;
+        if (SendAll(clientSocket_, reply, reply.GetSize()) < 1) return false;
+        CloseUpstream();  // the blocked body is never read
+        return true;
+      }
+    }
+  }
+
+  verdict_ = 100;
+  if (SendAll(clientSocket_, startLine_, startLine_.GetSize()) == -1) return false;
+  if (SendAll(clientSocket_, headerLines_, headerLines_.GetSize()) == -1) return false;
+
+  if (chunkedFlag_) {
+    eventLog_ << CLogManip(kLevelVerbose) << connectionTag_.GetBuffer()
+              << "Response has Chunked data " << lend;
+    RelayChunked(upstreamSocket_, clientSocket_, nullptr);
+    return true;
+  }
+
+  bool untilClose = false;
+  if (contentLength_ == 0) {
+    if (!IsBodyAllowed()) return true;  // no body; the connection stays for reuse
+    contentLength_ = kUnknownBodyLength;
+    untilClose = true;
+    if (!closeFlag_) {
+      traceLog_ << CLogManip(kLevelCritical) << "[ERR]  " << startLine_.GetBuffer()
+                << headerLines_.GetBuffer() << lend;
+    }
+  }
+  if (contentLength_ != 0 && ForwardBody(upstreamSocket_, clientSocket_, contentLength_, nullptr) == -1) {
+    return false;
+  }
+  if (untilClose || closeFlag_) CloseUpstream();
+  return true;
+}
+
+bool CProxyClient::RelayChunked(SOCKET source, SOCKET destination, CBufStream* copy) {
+  bool ended = false;
+  for (;;) {
+    const int lineSize = LineSize(receiveBuffer_);
+    if (lineSize == 0) {
+      // A size or trailer line that never ends is not a chunked body.
+      if (receiveBuffer_.GetSize() > kMaxChunkLineBytes) return false;
+      if (ReceiveMore(source) > 0) continue;
+      return false;
+    }
+    const char* line = receiveBuffer_.GetBuffer();
+    if (SendAll(destination, line, lineSize) <= 0) return false;
+    if (copy != nullptr) copy->AddString(line, lineSize);
+    const bool emptyLine = lineSize == 2;
+    // Read up to the first character that is no hex digit, so a chunk
+    // extension after ";" is ignored.
+    const long long size = std::strtoll(line, nullptr, 16);
+    receiveBuffer_.Consume(lineSize);
+    if (emptyLine) return true;
+    if (ended) continue;  // a trailer line after the last chunk
+
+    if (size <= 0) {
+      eventLog_ << CLogManip(kLevelVerbose) << connectionTag_.GetBuffer()
+                << "Detected end of chunked Data" << lend;
+      ended = true;
+      continue;
+    }
+    if (size > kMaxChunkBytes) return false;
+    eventLog_ << CLogManip(kLevelVerbose) << connectionTag_.GetBuffer()
+              << "Processing Chunked data of size " << static_cast<int>(size) << lend;
+    int need = static_cast<int>(size) + 2;  // the data and its closing CRLF
+    const int buffered = need < receiveBuffer_.GetSize() ? need : receiveBuffer_.GetSize();
+    if (buffered > 0) {
+      if (SendAll(destination, receiveBuffer_.GetBuffer(), buffered) < buffered) return false;
+      if (copy != nullptr) copy->AddString(receiveBuffer_.GetBuffer(), buffered);
+      receiveBuffer_.Consume(buffered);
+    }
+    need -= buffered;
+    if (need > 0 && RelayBytes(source, destination, need, copy) <= 0) return false;
+  }
+}
+
+bool CProxyClient::HandleConnect() {
+  CloseUpstream();
+  if (!useUpstreamProxy_) {
+    connectHost_ = host_;
+    connectPort_ = urlPort_;
+  }
+  if (!ConnectUpstream()) return false;
+  if (!useUpstreamProxy_) {
+    static const char kEstablished[] = "HTTP/1.0 200 Vexilo Established Connection\r\n\r\n";
+    if (SendAll(clientSocket_, kEstablished, sizeof kEstablished - 1) < 1) return false;
+  } else {
+    CStringBuffer header;
+    header << method_.GetBuffer() << " " << scheme_.GetBuffer() << "://" << host_.GetBuffer();
+    AppendPort(header, urlPort_, kDefaultHttpsPort);
+    header << requestTarget_.GetBuffer() << " " << version_.GetBuffer() << "\r\n"
+           << otherHeaderLines_.GetBuffer() << "\r\n";
+    if (SendAll(upstreamSocket_, header, header.GetSize()) < 1) return false;
+  }
+  Tunnel(clientSocket_, upstreamSocket_);
+  return false;
+}
+
+bool CProxyClient::HandleUnknown() {
+  traceLog_ << CLogManip(kLevelDebug) << "[ERR]  " << startLine_.GetBuffer()
+            << headerLines_.GetBuffer() << lend;
+  return false;
+}

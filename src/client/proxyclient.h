@@ -1,0 +1,45 @@
+// One worker thread per browser connection: reads the browser's requests one
+// after the other, answers blocked ones itself and relays the others.
+#pragma once
+
+#include "http/httprequest.h"
+#include "vxproxy/threads.h"
+
+class CProxyClient : public CThreadEx, public CHTTPRequest {
+ public:
+  explicit CProxyClient(SOCKET accepted);
+  ~CProxyClient() override;
+
+  // Thread side, in slot order after CThreadEx's: 2 Stop, 6 body, 7 CloseIfRunning.
+  bool Stop() override;
+  using CThreadEx::Stop;
+  DWORD Run() override;
+  virtual bool CloseIfRunning();
+
+  // Scheme identifiers of the handler table.
+  static constexpr int kSchemeHttp = 1;
+  static constexpr int kSchemeHttps = 2;
+  static constexpr int kSchemeUnknown = 255;
+
+  void RunSession();
+  int GetSchemeId();
+  bool HandleHttp();
+  bool HandleConnect();
+  bool HandleUnknown();
+  bool RelayRequest(const CStringBuffer& header);
+  bool RelayChunked(SOCKET source, SOCKET destination, CBufStream* copy);
+  void QueueProbe();
+
+ protected:
+  using CHTTPRequest::SetWaits;
+
+ private:
+  bool RelayResponse();
+
+  using Handler = bool (CProxyClient::*)();
+  struct HandlerRow {
+    int schemeId;
+    Handler handler;
+  };
+  static const HandlerRow kHandlers[3];
+};
