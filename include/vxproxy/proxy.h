@@ -100,6 +100,9 @@ class CVxHTTPProxy : public CThreadEx {
   void Notify(unsigned short event);
 
   unsigned short GetPort() const { return port_; }
+  // The port is read from vexilo.ini only while it is unknown; forgetting it
+  // makes the next Start read the file again.
+  void ResetPort() { port_ = 0; }
 
   // Writes one line to the service's memory log. The memory log is shared by
   // the host's thread, the accept thread and the workers, so whole lines are

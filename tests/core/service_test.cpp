@@ -1,0 +1,314 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/platform.h"
+#include "support/service_fixture.h"
+#include "support/tempdir.h"
+#include "support/vtable.h"
+#include "vxproxy/proxy.h"
+
+namespace {
+
+// Binds a listening socket to the port on any address, the way another
+// program would hold it. INVALID_SOCKET when the port is taken.
+SOCKET HoldPort(unsigned short port) {
+  SOCKET s = os::CreateTcpSocket();
+  if (os::BindAny(s, port) != 0 || os::listen(s, 1) != 0) {
+    os::closesocket(s);
+    return INVALID_SOCKET;
+  }
+  return s;
+}
+
+unsigned short PortInIni(const std::string& ini) {
+  char text[16] = {};
+  os::GetPrivateProfileStringA("Vexilo", "Port", "", text, sizeof text, ini.c_str());
+  return static_cast<unsigned short>(std::atoi(text));
+}
+
+}  // namespace
+
+TEST(ServiceSlots, VirtualOrderMatchesTheHostTable) {
+  using P = CVxHTTPProxy;
+  // A virtual destructor takes two entries, so slot k >= 1 sits at index k + 1.
+  EXPECT_EQ(VtableIndex(&P::isRunning), 2u);
+  EXPECT_EQ(VtableIndex(static_cast<bool (P::*)()>(&P::Stop)), 3u);
+  EXPECT_EQ(VtableIndex(static_cast<bool (P::*)(unsigned long)>(&P::Stop)), 4u);
+  EXPECT_EQ(VtableIndex(&P::Start), 5u);
+  EXPECT_EQ(VtableIndex(&P::Kill), 6u);
+  EXPECT_EQ(VtableIndex(&P::Run), 7u);
+  EXPECT_EQ(VtableIndex(&P::Initialize), 8u);
+  EXPECT_EQ(VtableIndex(&P::Uninitialize), 9u);
+  EXPECT_EQ(VtableIndex(&P::GetMemLog), 10u);
+  EXPECT_EQ(VtableIndex(&P::GetLog), 11u);
+  EXPECT_EQ(VtableIndex(&P::GetSettings), 12u);
+  EXPECT_EQ(VtableIndex(&P::GetMimeType), 13u);
+  EXPECT_EQ(VtableIndex(&P::GetActiveClientCount), 14u);
+  EXPECT_EQ(VtableIndex(&P::GetFilterEngine), 15u);
+  EXPECT_EQ(VtableIndex(&P::GetHeaderManager), 16u);
+  EXPECT_EQ(VtableIndex(&P::IsFilteringEnabled), 17u);
+  EXPECT_EQ(VtableIndex(&P::EnableFiltering), 18u);
+  EXPECT_EQ(VtableIndex(&P::LoadPort), 19u);
+  EXPECT_EQ(VtableIndex(&P::SetUpstreamProxy), 20u);
+  EXPECT_EQ(VtableIndex(&P::GetUpstreamProxy), 21u);
+  EXPECT_EQ(VtableIndex(&P::SetInstanceHandle), 22u);
+  EXPECT_EQ(VtableIndex(&P::GetInstanceHandle), 23u);
+  EXPECT_EQ(VtableIndex(&P::Reserved23), 24u);
+  EXPECT_EQ(VtableIndex(&P::GetSiteCounter), 25u);
+  EXPECT_EQ(VtableIndex(&P::SetDataFolder), 26u);
+  EXPECT_EQ(VtableIndex(&P::SetFilterFolder), 27u);
+  EXPECT_EQ(VtableIndex(&P::SetLogFolder), 28u);
+  EXPECT_EQ(VtableIndex(&P::GetDataFolder), 29u);
+  EXPECT_EQ(VtableIndex(&P::GetFilterFolder), 30u);
+  EXPECT_EQ(VtableIndex(&P::GetLogFolder), 31u);
+  EXPECT_EQ(VtableIndex(&P::SetHostFolder), 32u);
+  EXPECT_EQ(VtableIndex(&P::GetHostFolder), 33u);
+  EXPECT_EQ(VtableIndex(&P::ReleaseDocuments), 34u);
+  EXPECT_EQ(VtableIndex(&P::OpenStatistics), 35u);
+  EXPECT_EQ(VtableIndex(&P::CloseStatistics), 36u);
+  EXPECT_EQ(VtableIndex(&P::AddNotifyTarget), 37u);
+  EXPECT_EQ(VtableIndex(&P::RemoveNotifyTarget), 38u);
+  EXPECT_EQ(VtableIndex(&P::GetTraceMode), 39u);
+  EXPECT_EQ(VtableIndex(&P::SetTraceMode), 40u);
+  EXPECT_EQ(VtableIndex(&P::LoadFilterLists), 41u);
+  EXPECT_EQ(VtableIndex(&P::IsLocalHostName), 42u);
+  EXPECT_EQ(VtableIndex(&P::CountFilteredRequest), 43u);
+  EXPECT_EQ(VtableIndex(&P::GetFilteredRequests), 44u);
+  EXPECT_EQ(VtableIndex(&P::GetBlockedImages), 45u);
+  EXPECT_EQ(VtableIndex(&P::GetBlockedFlash), 46u);
+  EXPECT_EQ(VtableIndex(&P::CountBlockedImage), 47u);
+  EXPECT_EQ(VtableIndex(&P::CountBlockedFlash), 48u);
+  EXPECT_EQ(VtableIndex(&P::ResetCounters), 49u);
+}
+
+TEST(ServiceSlots, SiteCounterSlotsFollowTheStore) {
+  using S = CSiteCounter;
+  EXPECT_EQ(VtableIndex(&S::ClearSites), 44u);
+  EXPECT_EQ(VtableIndex(&S::GetSiteHistory), 45u);
+  EXPECT_EQ(VtableIndex(&S::AddRequests), 51u);
+  EXPECT_EQ(VtableIndex(&S::AddBytes), 52u);
+  EXPECT_EQ(VtableIndex(&S::AddAdSize), 53u);
+  EXPECT_EQ(VtableIndex(&S::GetStatStartTime), 55u);
+}
+
+TEST(ServiceObject, IsOneObjectPerProcess) { EXPECT_EQ(GetProxy(), GetProxy()); }
+
+TEST(ServiceObject, LocalHostNames) {
+  CVxHTTPProxy* proxy = GetProxy();
+  EXPECT_TRUE(proxy->IsLocalHostName("localhost"));
+  EXPECT_TRUE(proxy->IsLocalHostName("LocalHost"));
+  EXPECT_TRUE(proxy->IsLocalHostName("127.0.0.1"));
+  EXPECT_TRUE(proxy->IsLocalHostName("127.0.0.254"));
+  EXPECT_TRUE(proxy->IsLocalHostName("127.0.0.anything"));
+  EXPECT_FALSE(proxy->IsLocalHostName("127.0.1"));
+  EXPECT_FALSE(proxy->IsLocalHostName("example.com"));
+  EXPECT_FALSE(proxy->IsLocalHostName(""));
+
+  char name[256] = {};
+  ASSERT_EQ(os::gethostname(name, sizeof name), 0);
+  EXPECT_TRUE(proxy->IsLocalHostName(name));
+  CStringBuffer upper(name);
+  upper.ToUpper();
+  EXPECT_TRUE(proxy->IsLocalHostName(upper));
+}
+
+TEST(ServiceObject, CountersResetAndSurviveConcurrentIncrements) {
+  CVxHTTPProxy* proxy = GetProxy();
+  proxy->ResetCounters();
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 8; ++t) {
+    threads.emplace_back([proxy] {
+      for (int i = 0; i < 5000; ++i) {
+        proxy->CountFilteredRequest();
+        proxy->CountBlockedImage();
+        proxy->CountBlockedFlash();
+      }
+    });
+  }
+  for (std::thread& t : threads) t.join();
+  EXPECT_EQ(proxy->GetFilteredRequests(), 40000);
+  EXPECT_EQ(proxy->GetBlockedImages(), 40000);
+  EXPECT_EQ(proxy->GetBlockedFlash(), 40000);
+  EXPECT_EQ(proxy->ResetCounters(), 0);
+  EXPECT_EQ(proxy->GetFilteredRequests() + proxy->GetBlockedImages() + proxy->GetBlockedFlash(), 0);
+}
+
+TEST(ServiceObject, UpstreamProxyRoundTrip) {
+  CVxHTTPProxy* proxy = GetProxy();
+  const unsigned short port = 3128;
+  proxy->SetUpstreamProxy(CStringBuffer("upstream.example"), &port);
+  unsigned short got = 0;
+  EXPECT_STREQ(proxy->GetUpstreamProxy(&got)->GetBuffer(), "upstream.example");
+  EXPECT_EQ(got, 3128);
+  const unsigned short none = 0;
+  proxy->SetUpstreamProxy(CStringBuffer(""), &none);
+}
+
+// ----------------------------------------------------------- notifications --
+
+class Notifications : public ::testing::Test {
+ protected:
+  void TearDown() override {
+    for (auto& r : registered_) proxy_->RemoveNotifyTarget(r.window, r.thread, r.message);
+  }
+  NotifyTarget* Add(HWND window, DWORD thread, UINT message, DWORD mask, bool enabled) {
+    registered_.push_back({window, thread, message});
+    return proxy_->AddNotifyTarget(window, thread, message, mask, enabled);
+  }
+  struct Triple {
+    HWND window;
+    DWORD thread;
+    UINT message;
+  };
+  CVxHTTPProxy* proxy_ = GetProxy();
+  std::vector<Triple> registered_;
+};
+
+TEST_F(Notifications, AddingTheSameTripleUpdatesOneRecord) {
+  NotifyTarget* first = Add(nullptr, 77, 0x401, 1, true);
+  NotifyTarget* second = Add(nullptr, 77, 0x401, 3, false);
+  EXPECT_EQ(first, second);
+  EXPECT_EQ(second->eventMask, 3u);
+  EXPECT_FALSE(second->enabled);
+  proxy_->RemoveNotifyTarget(nullptr, 78, 0x401);  // unknown triple: nothing changes
+  EXPECT_EQ(Add(nullptr, 77, 0x401, 3, false), first);
+}
+
+TEST_F(Notifications, PostsFollowMaskWindowAndThreadRules) {
+  os::CreateThreadQueue();
+  const DWORD me = os::GetCurrentThreadId();
+  HWND window = os::CreateWindowQueue();
+
+  Add(nullptr, 0, 0x500, 1, true);                // neither window nor thread: never posts
+  Add(nullptr, me, 0x501, 2, true);               // mask without the event
+  Add(nullptr, me, 0x502, 3, true);               // mask with it
+  Add(nullptr, me, 0x503, 1, false);              // switched off
+  Add(window, me, 0x504, 1, true);                // window wins over the thread
+  Add(window, me + 1, 0x504, 1, true);            // a distinct record, also to the window
+
+  proxy_->Notify(kEventRequestBlocked);
+
+  std::vector<UINT> threadMessages;
+  MSG msg;
+  while (os::WaitMessage(nullptr, &msg, 50)) {
+    threadMessages.push_back(msg.message);
+    EXPECT_EQ(msg.wParam, 1u);
+    EXPECT_EQ(msg.lParam, 0);
+  }
+  EXPECT_EQ(threadMessages, std::vector<UINT>{0x502});
+
+  int windowMessages = 0;
+  while (os::WaitMessage(window, &msg, 50)) {
+    EXPECT_EQ(msg.message, 0x504u);
+    EXPECT_EQ(msg.wParam, 1u);
+    ++windowMessages;
+  }
+  EXPECT_EQ(windowMessages, 2);
+  os::DestroyWindowQueue(window);
+}
+
+// --------------------------------------------------------- start and stop --
+
+using ServiceStart = ServiceFixture;
+
+TEST_F(ServiceStart, PortZeroLetsTheSystemChooseAndIsWrittenBack) {
+  ASSERT_TRUE(proxy_->Start());
+  const unsigned short port = proxy_->GetPort();
+  EXPECT_NE(port, 0);
+  EXPECT_EQ(PortInIni(dir_ / "data/vexilo.ini"), port);
+  EXPECT_NE(ProxyLog().find("[INFO]: Proxy started on port " + std::to_string(port) + "\r\n"),
+            std::string::npos);
+  EXPECT_NE(ProxyLog().find("[INFO]: Starting Proxy @"), std::string::npos);
+}
+
+TEST_F(ServiceStart, TakenPortFallsBackToAFreeOne) {
+  SOCKET holder = HoldPort(0);
+  std::uint32_t address;
+  std::uint16_t taken = 0;
+  ASSERT_EQ(os::getsockname(holder, &address, &taken), 0);
+  WriteIni(std::to_string(taken));
+  ASSERT_TRUE(proxy_->Start());
+  EXPECT_NE(proxy_->GetPort(), taken);
+  EXPECT_EQ(PortInIni(dir_ / "data/vexilo.ini"), proxy_->GetPort());
+  EXPECT_NE(ProxyLog().find("Proxy started on port " + std::to_string(proxy_->GetPort())),
+            std::string::npos);
+  os::closesocket(holder);
+}
+
+TEST_F(ServiceStart, MissingIniMeans7070) {
+  std::filesystem::remove(dir_ / "data/vexilo.ini");
+  SOCKET probe = HoldPort(7070);
+  if (probe == INVALID_SOCKET) GTEST_SKIP() << "port 7070 is in use on this machine";
+  os::closesocket(probe);
+  ASSERT_TRUE(proxy_->Start());
+  EXPECT_EQ(proxy_->GetPort(), 7070);
+  EXPECT_EQ(PortInIni(dir_ / "data/vexilo.ini"), 7070);
+}
+
+TEST_F(ServiceStart, LongPortValueIsCutToNineCharacters) {
+  // "123456789" wraps to 52501; the whole text would give 722.
+  WriteIni("1234567890");
+  SOCKET probe = HoldPort(52501);
+  if (probe == INVALID_SOCKET) GTEST_SKIP() << "port 52501 is in use on this machine";
+  os::closesocket(probe);
+  ASSERT_TRUE(proxy_->Start());
+  EXPECT_EQ(proxy_->GetPort(), 52501);
+}
+
+TEST_F(ServiceStart, SecondStartIsANoOpAndRestartKeepsThePort) {
+  ASSERT_TRUE(proxy_->Start());
+  const unsigned short port = proxy_->GetPort();
+  ASSERT_TRUE(proxy_->Start());
+  EXPECT_EQ(proxy_->GetPort(), port);
+  EXPECT_TRUE(proxy_->Stop());
+  EXPECT_FALSE(proxy_->isRunning());
+
+  WriteIni("0");  // not read again: the port is known now
+  ASSERT_TRUE(proxy_->Start());
+  EXPECT_EQ(proxy_->GetPort(), port);
+}
+
+TEST_F(ServiceStart, StopWritesItsLinesAndEndsTheAcceptThread) {
+  ASSERT_TRUE(proxy_->Start());
+  EXPECT_TRUE(proxy_->isRunning());
+  EXPECT_TRUE(proxy_->Stop());
+  EXPECT_FALSE(proxy_->isRunning());
+  const std::string log = ProxyLog();
+  const size_t called = log.find("[INFO]: Proxy stop called @");
+  const size_t stopped = log.find("[INFO]: Proxy Stopped @");
+  ASSERT_NE(called, std::string::npos);
+  ASSERT_NE(stopped, std::string::npos);
+  EXPECT_LT(called, stopped);
+  // The time text carries no line break of its own.
+  EXPECT_EQ(log.find('\n', called), log.find("\r\n", called) + 1);
+}
+
+TEST_F(ServiceStart, MissingFiltersFileFailsEvenWithAnApprovedList) {
+  std::filesystem::remove(dir_ / "filters/filters.txt");
+  WriteTextFile(dir_ / "data/vexilowl.txt", "@@||example.com^\n");
+  EXPECT_FALSE(proxy_->Initialize());
+  EXPECT_FALSE(proxy_->Start());
+  EXPECT_FALSE(proxy_->isRunning());
+  EXPECT_NE(ProxyLog().find("[ERROR]: Failed to open filters file: "), std::string::npos);
+}
+
+TEST_F(ServiceStart, LogsAreOpenedWithTheirMasks) {
+  ASSERT_TRUE(proxy_->Initialize());
+  CLog* proxyLog = proxy_->GetLog(kLogProxy);
+  CLog* requestLog = proxy_->GetLog(kLogRequest);
+  CLog* blockedLog = proxy_->GetLog(kLogBlocked);
+  ASSERT_TRUE(proxyLog->IsOpen());
+  EXPECT_EQ(proxyLog->GetLevelMask(), 7);
+  EXPECT_EQ(requestLog->GetLevelMask(), 10);
+  EXPECT_EQ(blockedLog->GetLevelMask(), 0);
+  EXPECT_EQ(proxyLog->GetMaxSize(), 5242880u);
+  EXPECT_EQ(blockedLog->GetMaxSize(), 262144u);
+  // An unknown number gets the service's own never-opened log.
+  EXPECT_FALSE(proxy_->GetLog(16)->IsOpen());
+  proxy_->Uninitialize();
+  EXPECT_FALSE(proxy_->GetLog(kLogProxy)->IsOpen());
+}

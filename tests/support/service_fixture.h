@@ -1,0 +1,51 @@
+// A service object with its folders in a fresh temp directory: data/, logs/
+// and filters/ (with a filters.txt). The port is left to the system unless a
+// test writes vexilo.ini itself. The service is stopped at the end.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "support/tempdir.h"
+#include "vxproxy/proxy.h"
+
+class ServiceFixture : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    proxy_ = GetProxy();
+    WriteTextFile(dir_ / "filters/filters.txt", FilterList());
+    WriteIni("0");
+    proxy_->SetDataFolder(DataFolder().c_str());
+    proxy_->SetLogFolder(LogFolder().c_str());
+    proxy_->SetFilterFolder((dir_ / "filters").c_str());
+    proxy_->EnableFiltering(true);
+    proxy_->SetTraceMode(1);
+    const unsigned short none = 0;
+    proxy_->SetUpstreamProxy(CStringBuffer(""), &none);
+  }
+
+  void TearDown() override {
+    proxy_->Stop();
+    ForgetPort();
+  }
+
+  // The rules the service starts with; tests override to load their own.
+  virtual std::string FilterList() const { return "||ads.example.com^\n"; }
+
+  void WriteIni(const std::string& port) {
+    WriteTextFile(dir_ / "data/vexilo.ini", "[Vexilo]\nPort=" + port + "\n");
+  }
+
+  // The service remembers its port across Stop/Start; a new test starts clean.
+  void ForgetPort() { proxy_->ResetPort(); }
+
+  std::string DataFolder() const { return dir_ / "data"; }
+  std::string LogFolder() const { return dir_ / "logs"; }
+  std::string ProxyLog() const { return ReadTextFile(dir_ / "logs/proxy.log"); }
+  std::string RequestLog() const { return ReadTextFile(dir_ / "logs/request.log"); }
+  std::string BlockedLog() const { return ReadTextFile(dir_ / "logs/blocked.log"); }
+
+  TempDir dir_;
+  CVxHTTPProxy* proxy_ = nullptr;
+};
