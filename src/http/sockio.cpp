@@ -1,0 +1,196 @@
+// Blocking socket work of a session: sending, waiting with time-outs,
+// receiving, relaying bodies, tunnelling and closing. Everything runs on the
+// session's own thread; failures come back as -1 (error) or -2 (time-out).
+#include <algorithm>
+
+#include "http/httprequest.h"
+#include "log/levels.h"
+#include "platform/platform.h"
+
+int CHTTPRequest::SendAll(SOCKET socket, const char* data, int length) {
+  if (length <= 0) return 0;
+  int total = 0;
+  while (total < length) {
+    const int sent = os::send(socket, data + total, length - total);
+    if (sent == SOCKET_ERROR) {
+      eventLog_ << CLogManip(kLevelVerbose) << connectionTag_ << "Send failed "
+                << os::WSAGetLastError() << lend;
+      return -1;
+    }
+    total += sent;
+  }
+  return total;
+}
+
+int CHTTPRequest::WaitForData(SOCKET first, SOCKET second, int timeoutMs) {
+  const int valid = (first != INVALID_SOCKET ? 1 : 0) + (second != INVALID_SOCKET ? 1 : 0);
+  if (valid == 0) return -2;
+
+  if (timeoutMs > 0) {
+    const int wholeSeconds = timeoutMs / 1000;
+    int fraction = timeoutMs - wholeSeconds * 1000;
+    int remaining = timeoutMs - fraction;
+    // Long waits are cut into slices so that no single select call blocks
+    // for more than kWaitSliceMs; the sub-second part rides on the first.
+    do {
+      const int slice = std::min(remaining, kWaitSliceMs);
+      remaining -= slice;
+      const int ready = os::SelectRead(first, second, slice / 1000, fraction * 1000L);
+      if (ready < 0) {
+        eventLog_ << CLogManip(kLevelVerbose) << connectionTag_ << "Select failed  "
+                  << os::WSAGetLastError() << lend;
+        return -1;
+      }
+      if ((ready & 1) != 0) return 1;
+      if ((ready & 2) != 0) return 2;
+      fraction = 0;
+    } while (remaining > 0);
+  }
+  eventLog_ << CLogManip(kLevelVerbose) << connectionTag_ << "Socket wait exceede the limit "
+            << timeoutMs << " MS" << lend;
+  return -2;
+}
+
+int CHTTPRequest::WaitForSocket(SOCKET socket, int seconds) {
+  if (seconds < 1) return -2;
+  return WaitForData(socket, INVALID_SOCKET, seconds * 1000);
+}
+
+int CHTTPRequest::WaitForEither(SOCKET first, SOCKET second, int seconds) {
+  return WaitForData(first, second, seconds * 1000);
+}
+
+int CHTTPRequest::CountReceived(SOCKET socket, int received) {
+  if (received < 1) return received;
+  if (socket == upstreamSocket_) {
+    bytesFromUpstream_ += received;
+  } else {
+    bytesFromClient_ += received;
+  }
+  return received;
+}
+
+int CHTTPRequest::ReceiveMore(SOCKET socket) {
+  if (WaitForSocket(socket, waits_.receiveMoreSec) < 1) return -1;
+  char buffer[kHeaderRecvBytes];
+  const int n = CountReceived(socket, os::recv(socket, buffer, sizeof buffer, 0));
+  if (n < 0) return -1;
+  receiveBuffer_.AddString(buffer, n);
+  return n;
+}
+
+int CHTTPRequest::RelayBytes(SOCKET source, SOCKET destination, int count, CBufStream* copy) {
+  if (count <= 0) return 0;
+  char buffer[kRelayRecvBytes];
+  int total = 0;
+  while (total < count) {
+    if (WaitForSocket(source, waits_.relaySec) < 1) return -1;
+    const int want = static_cast<int>(
+        std::min(static_cast<unsigned>(count - total), static_cast<unsigned>(sizeof buffer)));
+    const int n = CountReceived(source, os::recv(source, buffer, want, 0));
+    if (n <= 0) {
+      // A close before the count is reached is a failure too, but only an
+      // error is worth a line.
+      if (n == SOCKET_ERROR) {
+        eventLog_ << CLogManip(kLevelVerbose) << connectionTag_ << "Recv failed "
+                  << os::WSAGetLastError() << lend;
+      }
+      return -1;
+    }
+    if (copy != nullptr) copy->AddString(buffer, n);
+    if (destination != INVALID_SOCKET && SendAll(destination, buffer, n) <= 0) return -1;
+    total += n;
+  }
+  return total;
+}
+
+int CHTTPRequest::RelayWatched(SOCKET source, SOCKET destination, int limit, CBufStream* copy) {
+  if (limit <= 0) return 0;
+  char buffer[kRelayRecvBytes];
+  int total = 0;
+  while (total < limit) {
+    const int ready = WaitForEither(source, destination, waits_.relaySec);
+    if (ready < 1) return -1;
+    if (ready == 2) {
+      // The browser spoke (its next request) or hung up: an unframed body
+      // cannot be told apart from the next response, so the server side is
+      // given up.
+      CloseUpstream();
+      return total;
+    }
+    const int want = static_cast<int>(
+        std::min(static_cast<unsigned>(limit - total), static_cast<unsigned>(sizeof buffer)));
+    const int n = CountReceived(source, os::recv(source, buffer, want, 0));
+    if (n <= 0) {
+      if (n == SOCKET_ERROR) {
+        eventLog_ << CLogManip(kLevelVerbose) << connectionTag_ << "Recv failed "
+                  << os::WSAGetLastError() << lend;
+      }
+      return -1;
+    }
+    if (copy != nullptr) copy->AddString(buffer, n);
+    if (destination != INVALID_SOCKET && SendAll(destination, buffer, n) <= 0) return -1;
+    total += n;
+  }
+  return total;
+}
+
+int CHTTPRequest::ForwardBody(SOCKET source, SOCKET destination, int length, CBufStream* copy) {
+  int pre = 0;
+  if (receiveBuffer_.GetSize() > 0) {
+    if (destination != INVALID_SOCKET &&
+        SendAll(destination, receiveBuffer_.GetBuffer(), receiveBuffer_.GetSize()) == -1) {
+      eventLog_ << CLogManip(kLevelVerbose) << connectionTag_ << "Failed to push Data to the socket "
+                << os::WSAGetLastError() << lend;
+      return -1;
+    }
+    pre = receiveBuffer_.GetSize();
+    if (copy != nullptr) copy->AddString(receiveBuffer_.GetBuffer(), pre);
+    receiveBuffer_.Empty();
+  }
+  const int result = length == kUnknownBodyLength
+                         ? RelayWatched(source, destination, kUnknownBodyLength - pre, copy)
+                         : RelayBytes(source, destination, length - pre, copy);
+  return result == -1 ? -1 : result + pre;
+}
+
+int CHTTPRequest::DiscardBody(SOCKET source) {
+  return ForwardBody(source, INVALID_SOCKET, contentLength_, nullptr);
+}
+
+int CHTTPRequest::Tunnel(SOCKET first, SOCKET second) {
+  char buffer[kRelayRecvBytes];
+  int ready = WaitForEither(first, second, waits_.relaySec);
+  if (ready < 1) return -1;
+  while (ready > 0) {
+    const SOCKET from = ready == 2 ? second : first;
+    const SOCKET to = ready == 2 ? first : second;
+    const int n = CountReceived(from, os::recv(from, buffer, sizeof buffer, 0));
+    if (n < 1) break;
+    if (SendAll(to, buffer, n) < 1) break;
+    ready = WaitForEither(first, second, waits_.relaySec);
+  }
+  return -1;
+}
+
+bool CHTTPRequest::IsUpstreamAlive() {
+  const SOCKET upstream = upstreamSocket_;
+  if (upstream == INVALID_SOCKET) return false;
+  const int ready = WaitForData(upstream, INVALID_SOCKET, waits_.livenessMs);
+  if (ready < 1) return ready == -2;
+  // Readable: either the server closed (recv sees 0) or sent something we
+  // leave queued for the next read.
+  char byte = 0;
+  return os::recv(upstream, &byte, 1, os::MSG_PEEK_FLAG) > 0;
+}
+
+void CHTTPRequest::CloseUpstream() {
+  const SOCKET s = upstreamSocket_.exchange(INVALID_SOCKET);
+  if (s != INVALID_SOCKET) os::closesocket(s);
+}
+
+void CHTTPRequest::CloseConnections() {
+  const SOCKET s = clientSocket_.exchange(INVALID_SOCKET);
+  if (s != INVALID_SOCKET) os::closesocket(s);
+  CloseUpstream();
+}
