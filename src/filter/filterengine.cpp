@@ -1,0 +1,204 @@
+#include "vxproxy/filterengine.h"
+
+#include <cstdio>
+#include <exception>
+#include <vector>
+
+#include "filter/matcher.h"
+#include "filter/ruleindex.h"
+#include "filter/rules.h"
+#include "platform/platform.h"
+
+using vxfilter::RuleIndex;
+
+namespace {
+
+constexpr const char* kFailedToOpen = "Failed to open filters file: ";
+constexpr const char* kFiltersReadFailed = "Exception while reading filters file: ";
+constexpr const char* kApprovedReadFailed = "Exception while reading user approved list: ";
+constexpr const char* kEvaluationFailed = "Exception while evaluating request: ";
+constexpr const char* kInitialVersion = "0.0";
+constexpr std::size_t kReadChunk = 256 * 1024;
+
+char LowerAscii(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c + 32) : c; }
+
+class File {
+ public:
+  explicit File(const char* path) : file_(std::fopen(os::NativePath(path).c_str(), "rb")) {}
+  ~File() {
+    if (file_ != nullptr) std::fclose(file_);
+  }
+  File(const File&) = delete;
+  File& operator=(const File&) = delete;
+  std::FILE* get() const { return file_; }
+
+ private:
+  std::FILE* file_;
+};
+
+// Reads a text file line by line: a line ends at LF, a CR right before the
+// LF is dropped, and the line is turned to lower case. Empty lines are
+// skipped. Returns false when the stream reports a read error; the lines
+// before it have been handed over by then.
+template <typename OnLine>
+bool ReadLowerLines(std::FILE* file, OnLine&& onLine) {
+  std::vector<char> buffer(kReadChunk);
+  std::size_t kept = 0;  // bytes of an unfinished line at the front
+  for (;;) {
+    if (kept == buffer.size()) buffer.resize(buffer.size() * 2);
+    const std::size_t got = std::fread(buffer.data() + kept, 1, buffer.size() - kept, file);
+    if (got == 0) {
+      if (std::ferror(file)) return false;
+      break;
+    }
+    char* data = buffer.data();
+    const std::size_t end = kept + got;
+    for (std::size_t i = kept; i < end; ++i) data[i] = LowerAscii(data[i]);
+    std::size_t lineStart = 0;
+    for (std::size_t i = kept; i < end; ++i) {
+      if (data[i] != '\n') continue;
+      std::size_t lineEnd = i;
+      if (lineEnd > lineStart && data[lineEnd - 1] == '\r') --lineEnd;
+      if (lineEnd > lineStart) onLine(std::string_view(data + lineStart, lineEnd - lineStart));
+      lineStart = i + 1;
+    }
+    kept = end - lineStart;
+    std::copy(data + lineStart, data + end, data);
+  }
+  if (kept > 0) onLine(std::string_view(buffer.data(), kept));
+  return true;
+}
+
+void AddToIndex(void* index, const vxfilter::RuleEntry& entry) {
+  static_cast<RuleIndex*>(index)->Add(entry);
+}
+
+std::string Lowered(std::string_view text) {
+  std::string out(text);
+  for (char& c : out) c = LowerAscii(c);
+  return out;
+}
+
+}  // namespace
+
+CFilterEngine::CFilterEngine() : version_(kInitialVersion) {}
+
+CFilterEngine::~CFilterEngine() = default;
+
+void CFilterEngine::SetErrorReporter(ErrorReporter report, void* context) {
+  report_ = report;
+  reportContext_ = context;
+}
+
+void CFilterEngine::ReportError(const char* message, const char* detail) const {
+  if (report_ != nullptr) report_(reportContext_, message, detail);
+}
+
+bool CFilterEngine::SetFiltersFile(const char* path) {
+  if (path == nullptr) return false;
+  File file(path);
+  if (file.get() == nullptr) {
+    ReportError(kFailedToOpen, path);
+    return false;
+  }
+  filtersPath_ = path;
+  return true;
+}
+
+bool CFilterEngine::LoadFilters() {
+  ClearRules();
+  version_ = kInitialVersion;
+  File file(filtersPath_.c_str());
+  if (file.get() == nullptr) {
+    ReportError(kFailedToOpen, filtersPath_.c_str());
+    return false;
+  }
+  bool complete = false;
+  try {
+    auto index = std::make_unique<RuleIndex>();
+    vxfilter::RuleParser parser(&AddToIndex, index.get());
+    complete = ReadLowerLines(file.get(), [&](std::string_view line) {
+      parser.ReadFiltersLine(line, inAdServerSection_, version_);
+    });
+    index->Finish();
+    filters_ = std::move(index);
+  } catch (const std::exception&) {
+    complete = false;
+  }
+  if (!complete) ReportError(kFiltersReadFailed, filtersPath_.c_str());
+  return complete;
+}
+
+void CFilterEngine::ClearRules() { filters_.reset(); }
+
+bool CFilterEngine::LoadUserApprovedList(const char* path) {
+  approved_.reset();
+  if (path == nullptr) return true;
+  File file(path);
+  if (file.get() == nullptr) return true;  // no list yet: nothing approved
+  bool complete = false;
+  try {
+    auto index = std::make_unique<RuleIndex>();
+    vxfilter::RuleParser parser(&AddToIndex, index.get());
+    complete = ReadLowerLines(file.get(), [&](std::string_view line) { parser.ReadApprovedLine(line); });
+    index->Finish();
+    if (!index->empty()) approved_ = std::move(index);
+  } catch (const std::exception&) {
+    complete = false;
+  }
+  if (!complete) ReportError(kApprovedReadFailed, path);
+  return complete;
+}
+
+bool CFilterEngine::IsDomainRuleHost(const char* host) {
+  if (host == nullptr || !filters_) return false;
+  return filters_->HasExactKey(vxfilter::kAdServerExact, host);
+}
+
+int CFilterEngine::CheckRequest(std::string host, std::string path, std::string typeWord,
+                                std::map<std::string, std::string> headers,
+                                bool skipExceptionTypeCheck) const {
+  FilterRequestInfo request;
+  request.host = host;
+  request.path = path;
+  request.typeWord = typeWord;
+  if (auto it = headers.find("referer"); it != headers.end()) request.referer = it->second;
+  request.skipExceptionTypeCheck = skipExceptionTypeCheck;
+  return CheckRequest(request);
+}
+
+int CFilterEngine::CheckRequest(const FilterRequestInfo& info) const {
+  using vxfilter::RuleIndex;
+  try {
+    const vxfilter::FilterRequest request(info.host, info.path, info.typeWord, info.referer,
+                                          info.skipExceptionTypeCheck);
+    // The user's own list wins over everything in the filters file.
+    if (approved_) {
+      const RuleIndex::Walk walk(*approved_, request);
+      if (walk.Match(vxfilter::kApprovedExact) || walk.Match(vxfilter::kApprovedWildcard)) {
+        return VerdictAllowed;
+      }
+    }
+    if (filters_) {
+      const RuleIndex::Walk walk(*filters_, request);
+      if (walk.Match(vxfilter::kFiltersExceptionExact) ||
+          walk.Match(vxfilter::kFiltersExceptionWildcard)) {
+        return VerdictAllowed;
+      }
+      if (walk.Match(vxfilter::kAdServerExact)) return VerdictAdServer;
+      if (walk.Match(vxfilter::kOtherExact)) return VerdictDomain;
+      if (walk.Match(vxfilter::kAdServerWildcard)) return VerdictAdServer;
+      if (walk.Match(vxfilter::kOtherWildcard)) return VerdictDomain;
+      if (walk.Match(vxfilter::kGenericTable)) return VerdictGeneric;
+    }
+    return VerdictNoMatch;
+  } catch (...) {
+    // A broken rule must not break browsing: the request passes.
+    try {
+      const std::string detail = Lowered(info.host) + Lowered(info.path);
+      ReportError(kEvaluationFailed, detail.c_str());
+    } catch (...) {
+    }
+    return VerdictNoMatch;
+  }
+}

@@ -1,0 +1,124 @@
+// A set of literal strings searched for all at once in a short text: each
+// needle is anchored on one of its 4-byte grams (shorter needles on their
+// first bytes), a bit filter rejects most positions with one load, and the
+// few candidates left are compared in full.
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+namespace vxfilter {
+
+class NeedleSet {
+ public:
+  // Adds a non-empty needle and returns its number; equal texts share one.
+  std::uint32_t Add(std::string_view needle);
+  // Builds the anchors; Add may not be called afterwards.
+  void Build();
+  void Clear();
+
+  std::size_t size() const { return needles_.size(); }
+  std::string_view Needle(std::uint32_t id) const {
+    return std::string_view(text_.data() + needles_[id].offset, needles_[id].length);
+  }
+
+  // Calls found(id, start) for every occurrence of every needle that lies
+  // wholly inside [from, to) of text. Reports come in order of the anchor
+  // position, so the first report of a needle is its leftmost occurrence.
+  template <typename Found>
+  void Scan(std::string_view text, std::size_t from, std::size_t to, Found&& found) const;
+
+ private:
+  struct Span {
+    std::uint32_t offset;
+    std::uint32_t length;
+  };
+  struct Anchor {
+    std::uint32_t needle;
+    std::uint32_t offset;  // of the anchor inside the needle
+  };
+  struct Bucket {
+    std::uint64_t key;
+    std::uint32_t first;  // into anchors_
+    std::uint32_t count;
+  };
+
+  static constexpr std::uint64_t kEmptyKey = ~0ull;
+  static constexpr std::uint64_t kTwoByteKey = 1ull << 32;
+  static constexpr std::uint64_t kOneByteKey = 2ull << 32;
+  static constexpr int kFilterBits = 16;
+
+  static std::uint64_t Mix(std::uint64_t key) { return key * 0x9E3779B97F4A7C15ull; }
+  bool FilterHas(std::uint64_t mixed) const {
+    const std::uint64_t bit = mixed >> (64 - kFilterBits);
+    return (filter_[bit >> 6] >> (bit & 63)) & 1;
+  }
+  const Bucket* FindBucket(std::uint64_t key, std::uint64_t mixed) const {
+    std::size_t i = static_cast<std::size_t>(mixed >> bucketShift_);
+    for (;;) {
+      const Bucket& b = buckets_[i];
+      if (b.key == key) return &b;
+      if (b.key == kEmptyKey) return nullptr;
+      i = (i + 1) & bucketMask_;
+    }
+  }
+  template <typename Found>
+  void Probe(std::uint64_t key, std::string_view text, std::size_t at, std::size_t from,
+             std::size_t to, Found& found) const;
+
+  std::string text_;
+  std::vector<Span> needles_;
+  std::unordered_map<std::string, std::uint32_t> ids_;  // only while adding
+  std::vector<Anchor> anchors_;
+  std::vector<Bucket> buckets_;
+  std::vector<std::uint64_t> filter_;
+  std::size_t bucketMask_ = 0;
+  int bucketShift_ = 64;
+  bool hasOneByte_ = false;
+  bool hasTwoByte_ = false;
+};
+
+template <typename Found>
+void NeedleSet::Probe(std::uint64_t key, std::string_view text, std::size_t at, std::size_t from,
+                      std::size_t to, Found& found) const {
+  const std::uint64_t mixed = Mix(key);
+  if (!FilterHas(mixed)) return;
+  const Bucket* bucket = FindBucket(key, mixed);
+  if (bucket == nullptr) return;
+  for (std::uint32_t k = 0; k < bucket->count; ++k) {
+    const Anchor& a = anchors_[bucket->first + k];
+    if (at < from + a.offset) continue;
+    const std::size_t start = at - a.offset;
+    const Span& n = needles_[a.needle];
+    if (start + n.length > to) continue;
+    if (std::memcmp(text.data() + start, text_.data() + n.offset, n.length) == 0) {
+      found(a.needle, start);
+    }
+  }
+}
+
+template <typename Found>
+void NeedleSet::Scan(std::string_view text, std::size_t from, std::size_t to,
+                     Found&& found) const {
+  if (needles_.empty() || from >= to) return;
+  const char* s = text.data();
+  for (std::size_t i = from; i < to; ++i) {
+    if (hasOneByte_) Probe(kOneByteKey | static_cast<unsigned char>(s[i]), text, i, from, to, found);
+    if (hasTwoByte_ && i + 2 <= to) {
+      std::uint16_t two;
+      std::memcpy(&two, s + i, 2);
+      Probe(kTwoByteKey | two, text, i, from, to, found);
+    }
+    if (i + 4 <= to) {
+      std::uint32_t four;
+      std::memcpy(&four, s + i, 4);
+      Probe(four, text, i, from, to, found);
+    }
+  }
+}
+
+}  // namespace vxfilter
