@@ -5,15 +5,23 @@
 #include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <thread>
 
 #include "vxproxy/types.h"
 
 // Base of every worker object: owns one thread that runs the derived class's
 // body. The slot order of the virtual operations is part of the host
 // interface.
+//
+// A thread cannot be ended from outside without risking the locks and the
+// memory it uses, so Kill abandons it instead: the worker counts as ended at
+// once and its thread runs on until its body returns. Free workers through
+// Dispose, which keeps a killed worker's object alive for its body.
 class VX_EXPORT CThreadEx {
  public:
   CThreadEx();
+  // Waits for a running body to return unless the thread was killed; use
+  // Dispose for workers that may have been killed.
   virtual ~CThreadEx();                     // slot 0
   virtual bool isRunning();                 // slot 1
   virtual bool Stop();                      // slot 2
@@ -36,6 +44,9 @@ class VX_EXPORT CThreadEx {
   std::shared_ptr<State> state_;
 };
 
+// A time-out that never passes.
+constexpr unsigned long kWaitForever = 0xFFFFFFFFul;
+
 // Abstract lock.
 class VX_EXPORT CSynchronizationBase {
  public:
@@ -56,9 +67,13 @@ constexpr unsigned long kLockAcquired = 0;
 class VX_EXPORT CCriticalSectionEx : public CSynchronizationBase {
  public:
   CCriticalSectionEx();
-  // Member-wise copies exist for compatibility; a copy is a fresh lock.
-  CCriticalSectionEx(const CCriticalSectionEx& other);
-  CCriticalSectionEx& operator=(const CCriticalSectionEx& other);
+  // Copies exist for compatibility; a copy is a fresh, unowned lock and
+  // assignment leaves the lock as it is.
+  CCriticalSectionEx(const CCriticalSectionEx& other) : CSynchronizationBase(other) {}
+  CCriticalSectionEx& operator=(const CCriticalSectionEx& other) {
+    CSynchronizationBase::operator=(other);
+    return *this;
+  }
   ~CCriticalSectionEx() override;
   void Enter();
   void Leave();
@@ -67,12 +82,16 @@ class VX_EXPORT CCriticalSectionEx : public CSynchronizationBase {
   void UnLock() override;
 
  private:
-  std::unique_ptr<std::recursive_timed_mutex> mutex_;
+  std::mutex mutex_;
+  std::condition_variable released_;
+  std::thread::id owner_;
+  unsigned long depth_ = 0;  // entries of the owner not yet left
 };
 
 namespace os { struct NamedSemaphore; }
 
 // Named semaphore with one unit, shared by all processes that use the name.
+// A process that dies holding the unit gives it back.
 class VX_EXPORT CSem : public CSynchronizationBase {
  public:
   explicit CSem(const char* name);
@@ -88,8 +107,10 @@ class VX_EXPORT CSem : public CSynchronizationBase {
   os::NamedSemaphore* sem_;
 };
 
-// A waitable signal (auto-reset event): Signal wakes one waiter, or lets the
-// next wait pass at once when nobody waits.
+// A waitable signal (an event): Signal wakes a waiter, or lets the next wait
+// pass at once when nobody waits. An auto-reset signal lets one wait pass per
+// Signal; a manual one stays set. UnLock gives the signal back, so that a
+// CLock(1, 1) also serves as a lock that any thread may release.
 class VX_EXPORT CLock : public CSynchronizationBase {
  public:
   CLock(int initiallySignalled, int autoReset);
@@ -114,6 +135,7 @@ class VX_EXPORT CAutoSync {
  public:
   explicit CAutoSync(CSynchronizationBase& lock);
   CAutoSync(CSynchronizationBase& lock, unsigned long timeout);
+  // Member-wise copies exist for compatibility; nothing copies a guard.
   CAutoSync(const CAutoSync&) = default;
   CAutoSync& operator=(const CAutoSync&) = default;
   virtual ~CAutoSync();

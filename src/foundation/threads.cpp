@@ -1,0 +1,248 @@
+#include "vxproxy/threads.h"
+
+#include <chrono>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include "platform/platform.h"
+
+namespace {
+
+// Time-outs are given in milliseconds, kWaitForever meaning no limit.
+bool IsForever(unsigned long timeout) { return timeout >= kWaitForever; }
+
+std::chrono::milliseconds Millis(unsigned long timeout) {
+  return std::chrono::milliseconds(static_cast<std::chrono::milliseconds::rep>(timeout));
+}
+
+// Joins a finished thread; a thread never joins itself.
+void Collect(std::thread& thread) {
+  if (!thread.joinable()) return;
+  try {
+    if (thread.get_id() == std::this_thread::get_id()) {
+      thread.detach();
+    } else {
+      thread.join();
+    }
+  } catch (const std::system_error&) {
+    // Nothing left to wait for.
+  }
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------- CThreadEx --
+
+// Shared between the object and its thread, so the thread can finish its
+// bookkeeping after the object is gone.
+struct CThreadEx::State {
+  std::mutex mutex;
+  std::condition_variable ended;
+  std::thread thread;
+  std::thread::id worker;
+  bool running = false;        // what isRunning reports
+  bool inBody = false;         // the body has not returned yet
+  bool killed = false;         // abandoned by Kill while in its body
+  bool freeOnReturn = false;   // Dispose left the object to its thread
+};
+
+CThreadEx::CThreadEx() : state_(std::make_shared<State>()) {}
+
+CThreadEx::~CThreadEx() {
+  std::thread thread;
+  {
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    thread = std::move(state_->thread);
+  }
+  // A killed thread was detached already; any other is waited for.
+  Collect(thread);
+}
+
+void CThreadEx::Trampoline(CThreadEx* self, std::shared_ptr<State> state) {
+  try {
+    self->Run();
+  } catch (...) {
+    // A body that throws has ended like one that returns.
+  }
+  bool freeSelf = false;
+  {
+    std::lock_guard<std::mutex> lock(state->mutex);
+    state->inBody = false;
+    state->running = false;
+    freeSelf = state->freeOnReturn;
+    state->ended.notify_all();
+  }
+  // From here on self belongs to its owner again, unless Dispose handed it
+  // over while the body was running after a Kill.
+  if (freeSelf) delete self;
+}
+
+bool CThreadEx::Start() {
+  std::thread previous;
+  {
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    // Running, or killed but still inside its body.
+    if (state_->inBody) return false;
+    previous = std::move(state_->thread);
+  }
+  Collect(previous);
+
+  std::lock_guard<std::mutex> lock(state_->mutex);
+  if (state_->inBody) return false;
+  state_->running = true;
+  state_->inBody = true;
+  state_->killed = false;
+  try {
+    state_->thread = std::thread(&CThreadEx::Trampoline, this, state_);
+  } catch (const std::system_error&) {
+    state_->running = false;
+    state_->inBody = false;
+    return false;
+  }
+  state_->worker = state_->thread.get_id();
+  return true;
+}
+
+bool CThreadEx::isRunning() {
+  std::lock_guard<std::mutex> lock(state_->mutex);
+  return state_->running;
+}
+
+bool CThreadEx::Stop() { return Stop(kWaitForever); }
+
+bool CThreadEx::Stop(unsigned long timeout) {
+  std::thread finished;
+  {
+    std::unique_lock<std::mutex> lock(state_->mutex);
+    // The body cannot wait for its own end.
+    if (state_->running && state_->worker == std::this_thread::get_id()) return false;
+    const auto ended = [this] { return !state_->running; };
+    if (IsForever(timeout)) {
+      state_->ended.wait(lock, ended);
+    } else if (!state_->ended.wait_for(lock, Millis(timeout), ended)) {
+      return false;
+    }
+    finished = std::move(state_->thread);
+  }
+  Collect(finished);
+  return true;
+}
+
+void CThreadEx::Kill() {
+  std::lock_guard<std::mutex> lock(state_->mutex);
+  if (!state_->inBody) return;
+  state_->killed = true;
+  state_->running = false;
+  if (state_->thread.joinable()) state_->thread.detach();
+  state_->ended.notify_all();
+}
+
+void CThreadEx::Dispose(CThreadEx* thread) {
+  if (thread == nullptr) return;
+  {
+    std::lock_guard<std::mutex> lock(thread->state_->mutex);
+    if (thread->state_->killed && thread->state_->inBody) {
+      thread->state_->freeOnReturn = true;
+      return;
+    }
+  }
+  // A body that still runs must return before the derived parts of the
+  // object are destroyed, not only before the base part.
+  thread->CThreadEx::Stop();
+  delete thread;
+}
+
+// ---------------------------------------------------------- lock classes --
+
+CSynchronizationBase::~CSynchronizationBase() = default;
+
+CCriticalSectionEx::CCriticalSectionEx() = default;
+CCriticalSectionEx::~CCriticalSectionEx() = default;
+
+void CCriticalSectionEx::Enter() { Lock(kWaitForever); }
+
+void CCriticalSectionEx::Leave() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  // Only the owner leaves; a stray Leave from another thread changes nothing.
+  if (depth_ == 0 || owner_ != std::this_thread::get_id()) return;
+  if (--depth_ == 0) {
+    owner_ = std::thread::id();
+    released_.notify_one();
+  }
+}
+
+unsigned long CCriticalSectionEx::Lock(unsigned long timeout) {
+  const std::thread::id self = std::this_thread::get_id();
+  std::unique_lock<std::mutex> lock(mutex_);
+  if (depth_ > 0 && owner_ == self) {
+    ++depth_;
+    return kLockAcquired;
+  }
+  const auto free = [this] { return depth_ == 0; };
+  if (IsForever(timeout)) {
+    released_.wait(lock, free);
+  } else if (!released_.wait_for(lock, Millis(timeout), free)) {
+    return kLockTimedOut;
+  }
+  owner_ = self;
+  depth_ = 1;
+  return kLockAcquired;
+}
+
+unsigned long CCriticalSectionEx::Lock() { return Lock(kWaitForever); }
+
+void CCriticalSectionEx::UnLock() { Leave(); }
+
+CSem::CSem(const char* name) : sem_(os::OpenNamedSemaphore(name)) {}
+
+CSem::~CSem() { os::CloseNamedSemaphore(sem_); }
+
+unsigned long CSem::Lock(unsigned long timeout) {
+  const long limit = IsForever(timeout) ? -1 : static_cast<long>(timeout);
+  return os::AcquireNamedSemaphore(sem_, limit) ? kLockAcquired : kLockTimedOut;
+}
+
+unsigned long CSem::Lock() { return Lock(kWaitForever); }
+
+void CSem::UnLock() { os::ReleaseNamedSemaphore(sem_); }
+
+CLock::CLock(int initiallySignalled, int autoReset)
+    : signalled_(initiallySignalled != 0), autoReset_(autoReset != 0) {}
+
+CLock::~CLock() = default;
+
+unsigned long CLock::Lock(unsigned long timeout) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  const auto set = [this] { return signalled_; };
+  if (IsForever(timeout)) {
+    cv_.wait(lock, set);
+  } else if (!cv_.wait_for(lock, Millis(timeout), set)) {
+    return kLockTimedOut;
+  }
+  if (autoReset_) signalled_ = false;
+  return kLockAcquired;
+}
+
+unsigned long CLock::Lock() { return Lock(kWaitForever); }
+
+void CLock::UnLock() { Signal(); }
+
+void CLock::Signal() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  signalled_ = true;
+  if (autoReset_) {
+    cv_.notify_one();
+  } else {
+    cv_.notify_all();
+  }
+}
+
+CAutoSync::CAutoSync(CSynchronizationBase& lock) : lock_(&lock), status_(lock.Lock()) {}
+
+CAutoSync::CAutoSync(CSynchronizationBase& lock, unsigned long timeout)
+    : lock_(&lock), status_(lock.Lock(timeout)) {}
+
+CAutoSync::~CAutoSync() {
+  if (status_ != kLockTimedOut) lock_->UnLock();
+}
