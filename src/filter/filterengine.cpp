@@ -1,6 +1,7 @@
 #include "vxproxy/filterengine.h"
 
 #include <cstdio>
+#include <cstring>
 #include <exception>
 #include <vector>
 
@@ -19,8 +20,6 @@ constexpr const char* kApprovedReadFailed = "Exception while reading user approv
 constexpr const char* kEvaluationFailed = "Exception while evaluating request: ";
 constexpr const char* kInitialVersion = "0.0";
 constexpr std::size_t kReadChunk = 256 * 1024;
-
-char LowerAscii(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c + 32) : c; }
 
 class File {
  public:
@@ -53,10 +52,12 @@ bool ReadLowerLines(std::FILE* file, OnLine&& onLine) {
     }
     char* data = buffer.data();
     const std::size_t end = kept + got;
-    for (std::size_t i = kept; i < end; ++i) data[i] = LowerAscii(data[i]);
+    vxfilter::CopyLowerAscii(data + kept, data + kept, got);
     std::size_t lineStart = 0;
-    for (std::size_t i = kept; i < end; ++i) {
-      if (data[i] != '\n') continue;
+    for (;;) {
+      const void* lf = std::memchr(data + lineStart, '\n', end - lineStart);
+      if (lf == nullptr) break;
+      const std::size_t i = static_cast<std::size_t>(static_cast<const char*>(lf) - data);
       std::size_t lineEnd = i;
       if (lineEnd > lineStart && data[lineEnd - 1] == '\r') --lineEnd;
       if (lineEnd > lineStart) onLine(std::string_view(data + lineStart, lineEnd - lineStart));
@@ -75,7 +76,7 @@ void AddToIndex(void* index, const vxfilter::RuleEntry& entry) {
 
 std::string Lowered(std::string_view text) {
   std::string out(text);
-  for (char& c : out) c = LowerAscii(c);
+  vxfilter::CopyLowerAscii(out.data(), out.data(), out.size());
   return out;
 }
 
@@ -106,7 +107,9 @@ bool CFilterEngine::SetFiltersFile(const char* path) {
 }
 
 bool CFilterEngine::LoadFilters() {
-  ClearRules();
+  // The old tables are emptied like ClearRules does, but their storage is
+  // kept for the new ones.
+  std::unique_ptr<RuleIndex> index = std::move(filters_);
   version_ = kInitialVersion;
   File file(filtersPath_.c_str());
   if (file.get() == nullptr) {
@@ -115,7 +118,12 @@ bool CFilterEngine::LoadFilters() {
   }
   bool complete = false;
   try {
-    auto index = std::make_unique<RuleIndex>();
+    if (index) {
+      index->Clear();
+    } else {
+      index = std::make_unique<RuleIndex>();
+    }
+    index->Reserve(os::FileSize(filtersPath_.c_str()));
     vxfilter::RuleParser parser(&AddToIndex, index.get());
     complete = ReadLowerLines(file.get(), [&](std::string_view line) {
       parser.ReadFiltersLine(line, inAdServerSection_, version_);

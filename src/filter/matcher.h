@@ -25,6 +25,9 @@ struct HashedName {
 
 std::uint32_t HashName(std::string_view name);
 
+// Copies size bytes, turning ASCII capitals to small letters (in may equal out).
+void CopyLowerAscii(char* out, const char* in, std::size_t size);
+
 class FilterRequest {
  public:
   // Builds R = "://" host path in lower case, the names of the host and of

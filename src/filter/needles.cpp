@@ -33,7 +33,7 @@ void NeedleSet::Build() {
   anchors_.clear();
   buckets_.clear();
   filter_.assign((std::size_t{1} << kFilterBits) / 64, 0);
-  hasOneByte_ = hasTwoByte_ = false;
+  shortNeedles_.clear();
 
   // Anchor each long needle on the gram that the fewest needles share, so
   // that buckets stay short and frequent text such as "/ad" or ".com" does
@@ -62,14 +62,8 @@ void NeedleSet::Build() {
         }
       }
       keyed.push_back(Keyed{GramAt(p + best), Anchor{id, best}});
-    } else if (n.length >= 2) {
-      std::uint16_t two;
-      std::memcpy(&two, p, 2);
-      keyed.push_back(Keyed{kTwoByteKey | two, Anchor{id, 0}});
-      hasTwoByte_ = true;
     } else {
-      keyed.push_back(Keyed{kOneByteKey | static_cast<unsigned char>(p[0]), Anchor{id, 0}});
-      hasOneByte_ = true;
+      shortNeedles_.push_back(id);
     }
   }
   std::sort(keyed.begin(), keyed.end(), [](const Keyed& a, const Keyed& b) {

@@ -1,7 +1,6 @@
 // A set of literal strings searched for all at once in a short text: each
-// needle is anchored on one of its 4-byte grams (shorter needles on their
-// first bytes), a bit filter rejects most positions with one load, and the
-// few candidates left are compared in full.
+// needle is anchored on one of its 4-byte grams, a bit filter rejects most
+// positions with one load, and the few candidates left are compared in full.
 #pragma once
 
 #include <cstdint>
@@ -26,9 +25,9 @@ class NeedleSet {
     return std::string_view(text_.data() + needles_[id].offset, needles_[id].length);
   }
 
-  // Calls found(id, start) for every occurrence of every needle that lies
-  // wholly inside [from, to) of text. Reports come in order of the anchor
-  // position, so the first report of a needle is its leftmost occurrence.
+  // Calls found(id, start) for occurrences of the needles that lie wholly
+  // inside [from, to) of text: every needle that occurs there is reported,
+  // and its first report is its leftmost occurrence.
   template <typename Found>
   void Scan(std::string_view text, std::size_t from, std::size_t to, Found&& found) const;
 
@@ -48,15 +47,10 @@ class NeedleSet {
   };
 
   static constexpr std::uint64_t kEmptyKey = ~0ull;
-  static constexpr std::uint64_t kTwoByteKey = 1ull << 32;
-  static constexpr std::uint64_t kOneByteKey = 2ull << 32;
+  static constexpr std::size_t kGramSize = 4;
   static constexpr int kFilterBits = 16;
 
   static std::uint64_t Mix(std::uint64_t key) { return key * 0x9E3779B97F4A7C15ull; }
-  bool FilterHas(std::uint64_t mixed) const {
-    const std::uint64_t bit = mixed >> (64 - kFilterBits);
-    return (filter_[bit >> 6] >> (bit & 63)) & 1;
-  }
   const Bucket* FindBucket(std::uint64_t key, std::uint64_t mixed) const {
     std::size_t i = static_cast<std::size_t>(mixed >> bucketShift_);
     for (;;) {
@@ -67,8 +61,8 @@ class NeedleSet {
     }
   }
   template <typename Found>
-  void Probe(std::uint64_t key, std::string_view text, std::size_t at, std::size_t from,
-             std::size_t to, Found& found) const;
+  void ProbeBucket(std::uint64_t key, std::uint64_t mixed, std::string_view text, std::size_t at,
+                   std::size_t from, std::size_t to, Found& found) const;
 
   std::string text_;
   std::vector<Span> needles_;
@@ -78,15 +72,14 @@ class NeedleSet {
   std::vector<std::uint64_t> filter_;
   std::size_t bucketMask_ = 0;
   int bucketShift_ = 64;
-  bool hasOneByte_ = false;
-  bool hasTwoByte_ = false;
+  // Needles shorter than a gram; there are few, and each is looked for
+  // with one plain search.
+  std::vector<std::uint32_t> shortNeedles_;
 };
 
 template <typename Found>
-void NeedleSet::Probe(std::uint64_t key, std::string_view text, std::size_t at, std::size_t from,
-                      std::size_t to, Found& found) const {
-  const std::uint64_t mixed = Mix(key);
-  if (!FilterHas(mixed)) return;
+void NeedleSet::ProbeBucket(std::uint64_t key, std::uint64_t mixed, std::string_view text,
+                            std::size_t at, std::size_t from, std::size_t to, Found& found) const {
   const Bucket* bucket = FindBucket(key, mixed);
   if (bucket == nullptr) return;
   for (std::uint32_t k = 0; k < bucket->count; ++k) {
@@ -104,20 +97,21 @@ void NeedleSet::Probe(std::uint64_t key, std::string_view text, std::size_t at, 
 template <typename Found>
 void NeedleSet::Scan(std::string_view text, std::size_t from, std::size_t to,
                      Found&& found) const {
-  if (needles_.empty() || from >= to) return;
+  if (from >= to) return;
+  const std::string_view range = text.substr(0, to);
+  for (std::uint32_t id : shortNeedles_) {
+    const std::size_t at = range.find(Needle(id), from);
+    if (at != std::string_view::npos) found(id, at);
+  }
+  if (to - from < kGramSize || anchors_.empty()) return;
   const char* s = text.data();
-  for (std::size_t i = from; i < to; ++i) {
-    if (hasOneByte_) Probe(kOneByteKey | static_cast<unsigned char>(s[i]), text, i, from, to, found);
-    if (hasTwoByte_ && i + 2 <= to) {
-      std::uint16_t two;
-      std::memcpy(&two, s + i, 2);
-      Probe(kTwoByteKey | two, text, i, from, to, found);
-    }
-    if (i + 4 <= to) {
-      std::uint32_t four;
-      std::memcpy(&four, s + i, 4);
-      Probe(four, text, i, from, to, found);
-    }
+  const std::uint64_t* filter = filter_.data();
+  for (std::size_t i = from, last = to - kGramSize; i <= last; ++i) {
+    std::uint32_t gram;
+    std::memcpy(&gram, s + i, kGramSize);
+    const std::uint64_t mixed = Mix(gram);
+    const std::uint64_t bit = mixed >> (64 - kFilterBits);
+    if ((filter[bit >> 6] >> (bit & 63)) & 1) ProbeBucket(gram, mixed, text, i, from, to, found);
   }
 }
 

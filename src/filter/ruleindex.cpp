@@ -41,6 +41,39 @@ RuleIndex::RuleIndex() {
   slotMask_ = 15;
 }
 
+void RuleIndex::Clear() {
+  text_.clear();
+  rules_.clear();
+  domainRefs_.clear();
+  domains_.clear();
+  groups_.clear();
+  std::fill(slots_.begin(), slots_.end(), Slot{0, kNoGroup});
+  ruleGroup_.clear();
+  groupRules_.clear();
+  for (auto& list : alwaysTried_) list.clear();
+  for (bool& b : keylessOrderMatters_) b = false;
+  anywhere_.Clear();
+  inHost_.Clear();
+  anywherePostings_.clear();
+  inHostPostings_.clear();
+  postingRules_.clear();
+}
+
+void RuleIndex::Reserve(std::size_t sourceBytes) {
+  // Joined easylist files hold about one stored rule per 40 bytes and keep
+  // half of their bytes as keys, fragments and domains. Sizing everything
+  // once spares the copies of growing, and fresh pages are what a first
+  // load pays most for.
+  const std::size_t rules = sourceBytes / 32;
+  text_.reserve(sourceBytes / 2 + sourceBytes / 16);
+  rules_.reserve(rules);
+  ruleGroup_.reserve(rules);
+  groups_.reserve(rules);
+  std::uint32_t size = slotMask_ + 1;
+  while (size < rules * 2) size *= 2;
+  if (size > slotMask_ + 1) ResizeSlots(size);
+}
+
 RuleView RuleIndex::ViewOf(const StoredRule& r) const {
   return RuleView{r.typeMask, r.flags, Text(r.fragments, r.fragmentsLength),
                   domains_.data() + r.firstDomain, r.domainCount};
@@ -57,8 +90,7 @@ std::uint32_t RuleIndex::FindGroup(std::string_view key, std::uint32_t hash) con
   }
 }
 
-void RuleIndex::GrowSlots() {
-  const std::uint32_t size = (slotMask_ + 1) * 2;
+void RuleIndex::ResizeSlots(std::uint32_t size) {
   slots_.assign(size, Slot{0, kNoGroup});
   slotMask_ = size - 1;
   for (std::uint32_t g = 0; g < groups_.size(); ++g) {
@@ -68,9 +100,8 @@ void RuleIndex::GrowSlots() {
   }
 }
 
-std::uint32_t RuleIndex::InsertGroup(std::string_view key, std::uint32_t offset) {
-  if ((groups_.size() + 1) * 2 > slotMask_ + 1) GrowSlots();
-  const std::uint32_t hash = HashName(key);
+std::uint32_t RuleIndex::InsertGroup(std::string_view key, std::uint32_t hash, std::uint32_t offset) {
+  if ((groups_.size() + 1) * 2 > slotMask_ + 1) ResizeSlots((slotMask_ + 1) * 2);
   const std::uint32_t id = static_cast<std::uint32_t>(groups_.size());
   groups_.push_back(KeyGroup{offset, static_cast<std::uint32_t>(key.size()), hash, 0, 0});
   std::uint32_t i = SlotOf(hash, slotMask_);
@@ -88,9 +119,10 @@ void RuleIndex::Add(const RuleEntry& entry) {
 
   std::uint32_t group = kNoGroup;
   if (IsExactTable(entry.table) && !entry.key.empty()) {
-    group = FindGroup(entry.key, HashName(entry.key));
+    const std::uint32_t hash = HashName(entry.key);
+    group = FindGroup(entry.key, hash);
     if (group == kNoGroup) {
-      group = InsertGroup(entry.key, static_cast<std::uint32_t>(text_.size()));
+      group = InsertGroup(entry.key, hash, static_cast<std::uint32_t>(text_.size()));
       text_.append(entry.key);
     }
     r.key = groups_[group].key;
@@ -135,7 +167,6 @@ std::string_view RuleIndex::RequiredLiteral(const StoredRule& r, bool* never) co
 }
 
 void RuleIndex::Finish() {
-  text_.shrink_to_fit();
   domains_.clear();
   domains_.reserve(domainRefs_.size());
   for (const DomainRef& d : domainRefs_) domains_.push_back(HashedName{Text(d.offset, d.length), d.hash});
@@ -216,8 +247,6 @@ void RuleIndex::Finish() {
   };
   build(anywhere, anywhere_.size(), anywherePostings_);
   build(inHost, inHost_.size(), inHostPostings_);
-  postingRules_.shrink_to_fit();
-  rules_.shrink_to_fit();
 }
 
 bool RuleIndex::HasExactKey(TableId table, std::string_view key) const {

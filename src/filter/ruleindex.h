@@ -22,6 +22,12 @@ class RuleIndex {
 
   // Stores an entry; entries must come in file order.
   void Add(const RuleEntry& entry);
+  // Empties every table but keeps the storage, so that loading the same
+  // list again touches no fresh memory.
+  void Clear();
+  // Room for a source of about this many bytes, so loading does not keep
+  // copying what it has stored.
+  void Reserve(std::size_t sourceBytes);
   // Builds the lookup structures after the last Add.
   void Finish();
 
@@ -98,8 +104,8 @@ class RuleIndex {
   std::string_view KeyOf(const StoredRule& r) const { return Text(r.key, r.keyLength); }
   RuleView ViewOf(const StoredRule& r) const;
   std::uint32_t FindGroup(std::string_view key, std::uint32_t hash) const;
-  std::uint32_t InsertGroup(std::string_view key, std::uint32_t offset);
-  void GrowSlots();
+  std::uint32_t InsertGroup(std::string_view key, std::uint32_t hash, std::uint32_t offset);
+  void ResizeSlots(std::uint32_t size);
   // The literal text whose absence from R rules out a key-less entry;
   // empty when every request has to try it.
   std::string_view RequiredLiteral(const StoredRule& r, bool* never) const;

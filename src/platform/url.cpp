@@ -60,15 +60,19 @@ std::string UrlHostName(const char* url) {
   }
   if (hostEnd == host) return {};
 
-  std::string name;
-  name.reserve(static_cast<std::size_t>(hostEnd - host));
-  for (const char* p = host; p < hostEnd; ++p) {
-    if (*p == '%' && p + 2 < hostEnd && HexValue(p[1]) >= 0 && HexValue(p[2]) >= 0) {
-      name.push_back(static_cast<char>(HexValue(p[1]) * 16 + HexValue(p[2])));
-      p += 2;
-    } else {
-      name.push_back(*p);
+  std::string name(host, hostEnd);
+  if (name.find('%') != std::string::npos) {
+    std::size_t out = 0;
+    for (std::size_t in = 0; in < name.size(); ++in, ++out) {
+      if (name[in] == '%' && in + 2 < name.size() && HexValue(name[in + 1]) >= 0 &&
+          HexValue(name[in + 2]) >= 0) {
+        name[out] = static_cast<char>(HexValue(name[in + 1]) * 16 + HexValue(name[in + 2]));
+        in += 2;
+      } else {
+        name[out] = name[in];
+      }
     }
+    name.resize(out);
   }
   if (name.size() > kMaxHostLength) return {};
   return name;
