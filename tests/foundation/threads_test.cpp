@@ -275,12 +275,6 @@ TEST(Signal, WakesTimedWaiter) {
   EXPECT_LT(elapsed, 1000);
 }
 
-TEST(Signal, ManualResetStaysSet) {
-  CLock signal(1, 0);
-  EXPECT_EQ(kLockAcquired, signal.Lock(0));
-  EXPECT_EQ(kLockAcquired, signal.Lock(0));
-}
-
 // Records what a guard does with its lock.
 class RecordingLock : public CSynchronizationBase {
  public:

@@ -114,10 +114,4 @@ TEST(NamedSemaphore, ReopenedAfterLastCloseStillExcludes) {
   }
 }
 
-TEST(NamedSemaphore, EmptyNameIsRefused) {
-  EXPECT_EQ(nullptr, os::OpenNamedSemaphore(""));
-  EXPECT_EQ(nullptr, os::OpenNamedSemaphore(nullptr));
-  EXPECT_FALSE(os::AcquireNamedSemaphore(nullptr, 0));
-}
-
 }  // namespace
