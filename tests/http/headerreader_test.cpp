@@ -1,7 +1,7 @@
 // Reading and parsing request and response headers, and the request-time
 // verdict with its log lines.
+#include <cctype>
 #include <chrono>
-#include <regex>
 #include <string>
 #include <thread>
 
@@ -337,8 +337,35 @@ using RequestVerdict = HeaderReader;
 
 namespace {
 
-const std::regex kStampedLine(
-    R"((\d\d)/(\d\d)/(\d{4})_(\d\d):(\d\d):(\d\d)_(AM|PM)   (.*)\r\n)");
+// A blocked.log line: "MM/DD/YYYY_hh:mm:ss_AM" (or PM), three blanks, the
+// rest, CR LF.
+struct StampedLine {
+  int month = 0, day = 0, year = 0, hour = 0, minute = 0, second = 0;
+  std::string half;
+  std::string rest;
+};
+
+bool ParseStampedLine(const std::string& line, StampedLine& out) {
+  const std::string shape = "99/99/9999_99:99:99_";
+  if (line.size() < shape.size() + 2 + 3 + 2) return false;
+  for (std::size_t i = 0; i < shape.size(); ++i) {
+    if (shape[i] == '9' ? !std::isdigit(static_cast<unsigned char>(line[i])) : line[i] != shape[i]) {
+      return false;
+    }
+  }
+  out.month = std::stoi(line.substr(0, 2));
+  out.day = std::stoi(line.substr(3, 2));
+  out.year = std::stoi(line.substr(6, 4));
+  out.hour = std::stoi(line.substr(11, 2));
+  out.minute = std::stoi(line.substr(14, 2));
+  out.second = std::stoi(line.substr(17, 2));
+  out.half = line.substr(20, 2);
+  if (out.half != "AM" && out.half != "PM") return false;
+  if (line.compare(22, 3, "   ") != 0) return false;
+  if (line.compare(line.size() - 2, 2, "\r\n") != 0) return false;
+  out.rest = line.substr(25, line.size() - 27);
+  return out.rest.find('\n') == std::string::npos;
+}
 
 }  // namespace
 
@@ -386,10 +413,10 @@ TEST_F(RequestVerdict, BlockedImageIsRecordedEverywhere) {
   EXPECT_NE(r.verdict_, 100);
   EXPECT_NE(r.verdict_, 200);
   EXPECT_EQ(RequestLog(), "[B]  GET http://ADS.example.com:8080/b/x.png?v=2\r\n");
-  std::smatch m;
+  StampedLine line;
   const std::string blocked = BlockedLog();
-  ASSERT_TRUE(std::regex_match(blocked, m, kStampedLine)) << blocked;
-  EXPECT_EQ(m[8].str(),
+  ASSERT_TRUE(ParseStampedLine(blocked, line)) << blocked;
+  EXPECT_EQ(line.rest,
             "ads.example.com:8080  news.example:81  http://ADS.example.com:8080/b/x.png?v=2");
 }
 
@@ -397,15 +424,12 @@ TEST_F(RequestVerdict, RecordBlockedWritesAStampedLine) {
   TestRequest& r = MakeRequest();
   ASSERT_EQ(Read("GET /banner.gif HTTP/1.1\r\nHost: h\r\n\r\n", true), 0);
   r.RecordBlocked("h");
-  std::smatch m;
+  StampedLine line;
   const std::string blocked = BlockedLog();
-  ASSERT_TRUE(std::regex_match(blocked, m, kStampedLine)) << blocked;
-  EXPECT_EQ(m[8].str(), "h  __  /banner.gif");
-  const int month = std::stoi(m[1].str());
-  const int day = std::stoi(m[2].str());
-  const int hour = std::stoi(m[4].str());
-  EXPECT_TRUE(month >= 1 && month <= 12);
-  EXPECT_TRUE(day >= 1 && day <= 31);
-  EXPECT_TRUE(hour >= 1 && hour <= 12);  // a 12-hour clock has no hour 0
+  ASSERT_TRUE(ParseStampedLine(blocked, line)) << blocked;
+  EXPECT_EQ(line.rest, "h  __  /banner.gif");
+  EXPECT_TRUE(line.month >= 1 && line.month <= 12);
+  EXPECT_TRUE(line.day >= 1 && line.day <= 31);
+  EXPECT_TRUE(line.hour >= 1 && line.hour <= 12);  // a 12-hour clock has no hour 0
   EXPECT_EQ(RequestLog(), "[B]  GET /banner.gif\r\n");
 }
