@@ -356,6 +356,8 @@ TEST(NamedLock, HolderInOtherProcessMakesGuardTimeOut) {
   EXPECT_GE(MsSince(start), 2900);
   // The guard released nothing: the child still holds the unit.
   EXPECT_EQ(kLockTimedOut, sem.Lock(0));
+  child.Kill();
+  EXPECT_EQ(128 + 9, child.Wait(5000));
 }
 
 TEST(NamedLock, HolderKilledWithSigkillFreesTheUnit) {
