@@ -15,6 +15,8 @@
 //   });
 //   ... send requests to 127.0.0.1:origin.Port() ...
 //   ASSERT_TRUE(origin.WaitForRequests(1, 5000));
+//
+// From a test folder include it as "../support/origin_server.h".
 //   EXPECT_EQ(origin.Received(0), "GET /ad.png HTTP/1.1\r\nHost: ...\r\n\r\n");
 #pragma once
 
@@ -50,9 +52,9 @@ struct OriginReply {
   int pauseMs = 0;           // ...with this pause between them
   int delayMs = 0;           // wait before sending anything
   bool closeAfter = false;   // close the connection once sent
-  bool hold = false;         // send nothing and read nothing more; keep the
-                             // connection open until the peer closes or the
-                             // server stops
+  bool hold = false;         // send nothing and answer nothing more; keep the
+                             // connection open (still recording what arrives)
+                             // until the peer closes or the server stops
 
   // 200 (or status) with Content-Length.
   static OriginReply Counted(const std::string& body, const std::string& contentType = "text/html",
