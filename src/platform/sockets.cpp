@@ -283,6 +283,9 @@ int SelectRead(SOCKET first, SOCKET second, long seconds, long microseconds) {
     secondIndex = static_cast<int>(count);
     entries[count++] = pollfd{secondCall.fd(), POLLIN, 0};
   }
+  // A wait on no socket at all is an error, as select with empty sets is on
+  // Winsock: the accept loop ends this way once its socket has been closed.
+  if (count == 0) return Fail(EINVAL);
   // poll rather than select: descriptors above FD_SETSIZE stay usable.
   int ready;
   do {

@@ -104,7 +104,7 @@ TEST(ServiceObject, LocalHostNames) {
   EXPECT_TRUE(proxy->IsLocalHostName("127.0.0.1"));
   EXPECT_TRUE(proxy->IsLocalHostName("127.0.0.254"));
   EXPECT_TRUE(proxy->IsLocalHostName("127.0.0.anything"));
-  EXPECT_FALSE(proxy->IsLocalHostName("127.0.1"));
+  EXPECT_FALSE(proxy->IsLocalHostName("192.0.2.1"));
   EXPECT_FALSE(proxy->IsLocalHostName("example.com"));
   EXPECT_FALSE(proxy->IsLocalHostName(""));
 

@@ -1,0 +1,295 @@
+#include <gtest/gtest.h>
+
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "client/proxymanager.h"
+#include "platform/platform.h"
+#include "support/origin_server.h"
+#include "support/raw_client.h"
+#include "support/service_fixture.h"
+
+using vxtest::OriginReply;
+using vxtest::OriginRequest;
+using vxtest::OriginServer;
+using vxtest::RawClient;
+
+namespace {
+
+constexpr int kWaitMs = 5000;
+
+const std::string kGifBytes(
+    "\x47\x49\x46\x38\x39\x61\x01\x00\x01\x00\x80\x00\x00\x00\x00\x00\xFF\xFF\xFF\x21\xF9\x04\x01"
+    "\x00\x00\x00\x00\x2C\x00\x00\x00\x00\x01\x00\x01\x00\x00\x02\x01\x44\x00\x3B",
+    42);
+
+std::string Body(const std::string& response) {
+  const size_t end = response.find("\r\n\r\n");
+  return end == std::string::npos ? "" : response.substr(end + 4);
+}
+
+// The origin's script: a few paths with special answers, "hello" otherwise.
+OriginReply Script(const OriginRequest& r) {
+  if (r.target == "/banner/pic") return OriginReply::Image("PNGBYTES");
+  if (r.target == "/banner/moved") return OriginReply::Redirect(302, "/elsewhere");
+  if (r.target == "/unframed") return OriginReply::Unframed("until the end").ThenClose();
+  if (r.target == "/unchanged") return OriginReply::NoBody(304);
+  if (r.target == "/chunked") return OriginReply::Chunked({"hello", " world"}, "text/plain", "X-T: 1\r\n");
+  if (r.target == "/silent") return OriginReply::Silent();
+  if (r.method == "POST") return OriginReply::Counted("got " + r.body);
+  return OriginReply::Counted("hello");
+}
+
+}  // namespace
+
+class Session : public ServiceFixture {
+ protected:
+  std::string FilterList() const override { return "/banner/\n"; }
+
+  void SetUp() override {
+    ServiceFixture::SetUp();
+    ASSERT_TRUE(proxy_->Start());
+    port_ = proxy_->GetPort();
+  }
+
+  void TearDown() override {
+    origin_.Stop();
+    ServiceFixture::TearDown();
+  }
+
+  std::string Url(const std::string& path) const {
+    return "http://127.0.0.1:" + std::to_string(origin_.Port()) + path;
+  }
+
+  std::string Get(const std::string& path, const std::string& extra = "") const {
+    return "GET " + Url(path) + " HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(origin_.Port()) +
+           "\r\n" + extra + "\r\n";
+  }
+
+  bool Connect(RawClient& client) const { return client.Connect(port_); }
+
+  OriginServer origin_{Script};
+  unsigned short port_ = 0;
+};
+
+TEST_F(Session, RelaysAPassedRequestAndRewritesProxyFields) {
+  RawClient client;
+  ASSERT_TRUE(Connect(client));
+  ASSERT_TRUE(client.Send(Get("/page.html?q=1",
+                              "Proxy-Connection: keep-alive\r\nProxy-Authorization: Basic eA==\r\n"
+                              "Accept: */*\r\n")));
+  const std::string response = client.ReceiveResponse(kWaitMs);
+  EXPECT_EQ(Body(response), "hello");
+  ASSERT_TRUE(origin_.WaitForRequests(1, kWaitMs));
+  EXPECT_EQ(origin_.Requests()[0].header,
+            "GET /page.html?q=1 HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(origin_.Port()) +
+                "\r\nAccept: */*\r\nConnection: keep-alive\r\n\r\n");
+  EXPECT_NE(RequestLog().find("[P]  GET " + Url("/page.html?q=1")), std::string::npos);
+}
+
+TEST_F(Session, BlockedImageGetsTheGifAndTheConnectionStaysOpen) {
+  RawClient client;
+  ASSERT_TRUE(Connect(client));
+  ASSERT_TRUE(client.Send(Get("/banner/ad.gif")));
+  const std::string reply = client.ReceiveResponse(kWaitMs);
+  EXPECT_EQ(reply.rfind("HTTP/1.1 200 OK\r\nContent-Type: image/gif\r\nDate: ", 0), 0u) << reply;
+  EXPECT_NE(reply.find("\r\nExpires: Fri, 01 Jan 1990 00:00:00 GMT\r\nPragma: no-cache\r\n"
+                       "Cache-Control: no-cache, no-store, max-age=0, must-revalidate\r\n"
+                       "Server: Vexilo\r\nContent-Length: 42\r\nAge: 0\r\n\r\n"),
+            std::string::npos);
+  EXPECT_EQ(Body(reply), kGifBytes);
+  EXPECT_EQ(origin_.ConnectionCount(), 0);
+
+  // The next request on the same connection is served.
+  ASSERT_TRUE(client.Send(Get("/fine.gif")));
+  EXPECT_EQ(Body(client.ReceiveResponse(kWaitMs)), "hello");
+  EXPECT_NE(RequestLog().find("[B]  GET " + Url("/banner/ad.gif") + "\r\n"), std::string::npos);
+  const std::string blocked = BlockedLog();
+  EXPECT_NE(blocked.find("   127.0.0.1:" + std::to_string(origin_.Port()) + "  __  " +
+                         Url("/banner/ad.gif") + "\r\n"),
+            std::string::npos)
+      << blocked;
+}
+
+TEST_F(Session, ResponseTypeDecidesWhenThePathHasNone) {
+  RawClient client;
+  ASSERT_TRUE(Connect(client));
+  ASSERT_TRUE(client.Send(Get("/banner/pic")));
+  EXPECT_EQ(Body(client.ReceiveResponse(kWaitMs)), kGifBytes);
+  // A redirect is judged as an image too.
+  ASSERT_TRUE(client.Send(Get("/banner/moved")));
+  const std::string redirected = client.ReceiveResponse(kWaitMs);
+  EXPECT_EQ(Body(redirected), kGifBytes);
+  EXPECT_EQ(origin_.RequestCount(), 2);
+}
+
+TEST_F(Session, OnlyGetIsFiltered) {
+  RawClient client;
+  ASSERT_TRUE(Connect(client));
+  const int before = proxy_->GetFilteredRequests();
+  ASSERT_TRUE(client.Send("POST " + Url("/banner/ad.gif") +
+                          " HTTP/1.1\r\nHost: h\r\nContent-Length: 4\r\n\r\nabcd"));
+  EXPECT_EQ(Body(client.ReceiveResponse(kWaitMs)), "got abcd");
+  EXPECT_EQ(proxy_->GetFilteredRequests(), before);
+}
+
+TEST_F(Session, DisabledFilteringPassesEverything) {
+  proxy_->EnableFiltering(false);
+  RawClient client;
+  ASSERT_TRUE(Connect(client));
+  ASSERT_TRUE(client.Send(Get("/banner/ad.gif")));
+  EXPECT_EQ(Body(client.ReceiveResponse(kWaitMs)), "hello");
+}
+
+TEST_F(Session, KeptUpstreamConnectionIsReusedAndBodylessResponsesKeepIt) {
+  RawClient client;
+  ASSERT_TRUE(Connect(client));
+  ASSERT_TRUE(client.Send(Get("/a.html")));
+  EXPECT_EQ(Body(client.ReceiveResponse(kWaitMs)), "hello");
+  ASSERT_TRUE(client.Send(Get("/unchanged")));
+  const std::string notModified = client.ReceiveResponse(kWaitMs);
+  EXPECT_EQ(notModified.rfind("HTTP/1.1 304", 0), 0u) << notModified;
+  ASSERT_TRUE(client.Send(Get("/b.html")));
+  EXPECT_EQ(Body(client.ReceiveResponse(kWaitMs)), "hello");
+  EXPECT_EQ(origin_.ConnectionCount(), 1);
+}
+
+TEST_F(Session, UnframedResponseIsRelayedUntilCloseAndLogged) {
+  RawClient client;
+  ASSERT_TRUE(Connect(client));
+  ASSERT_TRUE(client.Send(Get("/unframed")));
+  const std::string reply = client.ReceiveUntil("until the end", kWaitMs);
+  EXPECT_EQ(Body(reply), "until the end");
+  // The session goes on with a new upstream connection.
+  ASSERT_TRUE(client.Send(Get("/next.html")));
+  EXPECT_EQ(Body(client.ReceiveResponse(kWaitMs)), "hello");
+  EXPECT_EQ(origin_.ConnectionCount(), 2);
+  EXPECT_NE(RequestLog().find("[ERR]  HTTP/1.1 200"), std::string::npos);
+}
+
+TEST_F(Session, ChunkedResponsePassesUnchanged) {
+  RawClient client;
+  ASSERT_TRUE(Connect(client));
+  ASSERT_TRUE(client.Send(Get("/chunked")));
+  const std::string reply = client.ReceiveResponse(kWaitMs);
+  EXPECT_EQ(Body(reply), "5\r\nhello\r\n6\r\n world\r\n0\r\nX-T: 1\r\n\r\n");
+  ASSERT_TRUE(client.Send(Get("/after.html")));
+  EXPECT_EQ(Body(client.ReceiveResponse(kWaitMs)), "hello");
+}
+
+TEST_F(Session, ChunkedRequestBodyReachesTheServer) {
+  RawClient client;
+  ASSERT_TRUE(Connect(client));
+  ASSERT_TRUE(client.Send("POST " + Url("/upload") +
+                          " HTTP/1.1\r\nHost: h\r\nTransfer-Encoding: chunked\r\n\r\n"
+                          "3\r\nabc\r\n0\r\n\r\n"));
+  EXPECT_EQ(Body(client.ReceiveResponse(kWaitMs)), "got 3\r\nabc\r\n0\r\n\r\n");
+}
+
+TEST_F(Session, HeaderArrivingOneByteAtATime) {
+  RawClient client;
+  ASSERT_TRUE(Connect(client));
+  ASSERT_TRUE(client.SendSlowly(Get("/slow.html"), 1, 1));
+  EXPECT_EQ(Body(client.ReceiveResponse(kWaitMs)), "hello");
+}
+
+TEST_F(Session, UpstreamProxyGetsTheAbsoluteForm) {
+  proxy_->Stop();
+  const unsigned short upstreamPort = origin_.Port();
+  proxy_->SetUpstreamProxy(CStringBuffer("127.0.0.1"), &upstreamPort);
+  ASSERT_TRUE(proxy_->Start());
+  RawClient client;
+  ASSERT_TRUE(client.Connect(proxy_->GetPort()));
+  ASSERT_TRUE(client.Send("GET http://far.example:8080/x.html HTTP/1.1\r\nHost: far.example\r\n\r\n"));
+  EXPECT_EQ(Body(client.ReceiveResponse(kWaitMs)), "hello");
+  ASSERT_TRUE(origin_.WaitForRequests(1, kWaitMs));
+  EXPECT_EQ(origin_.Requests()[0].header,
+            "GET http://far.example:8080/x.html HTTP/1.1\r\nHost: far.example\r\n\r\n");
+  const unsigned short none = 0;
+  proxy_->SetUpstreamProxy(CStringBuffer(""), &none);
+}
+
+TEST_F(Session, ConnectOpensATunnel) {
+  RawClient client;
+  ASSERT_TRUE(Connect(client));
+  ASSERT_TRUE(client.Send("CONNECT 127.0.0.1:" + std::to_string(origin_.Port()) +
+                          " HTTP/1.1\r\nHost: x\r\n\r\n"));
+  EXPECT_EQ(client.ReceiveUntil("\r\n\r\n", kWaitMs),
+            "HTTP/1.0 200 Vexilo Established Connection\r\n\r\n");
+  // Bytes now pass both ways untouched: here a plain request through the tunnel.
+  ASSERT_TRUE(client.Send("GET /tunneled HTTP/1.1\r\nHost: x\r\n\r\n"));
+  EXPECT_EQ(Body(client.ReceiveResponse(kWaitMs)), "hello");
+}
+
+TEST_F(Session, UnknownSchemeClosesWithoutAnswer) {
+  RawClient client;
+  ASSERT_TRUE(Connect(client));
+  ASSERT_TRUE(client.Send("GET ftp://files.example/x HTTP/1.1\r\nHost: files.example\r\n\r\n"));
+  EXPECT_TRUE(client.WaitForClose(kWaitMs));
+  EXPECT_EQ(client.ReceiveAvailable(10), "");
+}
+
+TEST_F(Session, UnreachableServerClosesTheConnection) {
+  RawClient client;
+  ASSERT_TRUE(Connect(client));
+  ASSERT_TRUE(client.Send("GET http://no-such-host.invalid/x.html HTTP/1.1\r\nHost: a\r\n\r\n"));
+  EXPECT_TRUE(client.WaitForClose(kWaitMs));
+  EXPECT_NE(RequestLog().find("Connect/Send to the remote host failed "), std::string::npos);
+}
+
+TEST_F(Session, ManyConcurrentConnections) {
+  constexpr int kClients = 200;
+  std::vector<std::thread> threads;
+  std::atomic<int> served{0};
+  for (int i = 0; i < kClients; ++i) {
+    threads.emplace_back([&, i] {
+      RawClient client;
+      if (!client.Connect(port_)) return;
+      const std::string path = i % 2 ? "/banner/x" + std::to_string(i) + ".gif" : "/p.html";
+      if (!client.Send(Get(path))) return;
+      const std::string body = Body(client.ReceiveResponse(15000));
+      if (body == (i % 2 ? kGifBytes : "hello")) ++served;
+    });
+  }
+  for (std::thread& t : threads) t.join();
+  EXPECT_EQ(served.load(), kClients);
+}
+
+TEST_F(Session, StopEndsIdleAndBusyConnectionsPromptly) {
+  RawClient idle;
+  ASSERT_TRUE(Connect(idle));
+  RawClient busy;
+  ASSERT_TRUE(Connect(busy));
+  ASSERT_TRUE(busy.Send(Get("/silent")));
+  ASSERT_TRUE(origin_.WaitForRequests(1, kWaitMs));
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_TRUE(proxy_->Stop());
+  const auto took = std::chrono::steady_clock::now() - start;
+  EXPECT_LT(took, std::chrono::seconds(4));
+  EXPECT_TRUE(idle.WaitForClose(kWaitMs));
+  EXPECT_TRUE(busy.WaitForClose(kWaitMs));
+  EXPECT_EQ(proxy_->GetActiveClientCount(), 0);
+  EXPECT_NE(ProxyLog().find("Proxy Stopped @"), std::string::npos);
+}
+
+TEST_F(Session, CurlFetchesThroughTheProxy) {
+  TempDir out;
+  const std::string proxyArg = "-x http://127.0.0.1:" + std::to_string(port_) + " ";
+  const std::string page = "curl -s --max-time 10 " + proxyArg + Url("/index.html");
+  const std::string image = "curl -s --max-time 10 -o " + (out / "ad.gif") + " " + proxyArg +
+                            Url("/banner/ad.gif");
+  if (std::system("command -v curl >/dev/null 2>&1") != 0) GTEST_SKIP() << "curl is not installed";
+  FILE* pipe = popen(page.c_str(), "r");
+  ASSERT_NE(pipe, nullptr);
+  std::array<char, 64> chunk{};
+  std::string body;
+  while (fgets(chunk.data(), chunk.size(), pipe) != nullptr) body += chunk.data();
+  EXPECT_EQ(pclose(pipe), 0);
+  EXPECT_EQ(body, "hello");
+  ASSERT_EQ(std::system(image.c_str()), 0);
+  EXPECT_EQ(ReadTextFile(out / "ad.gif"), kGifBytes);
+}
