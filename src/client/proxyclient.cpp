@@ -163,6 +163,9 @@ void CProxyClient::QueueProbe() {
 bool CProxyClient::RelayRequest(const CStringBuffer& header) {
   CBufStream retry;  // the request body as sent, for a second attempt
   for (int attempt = 1; attempt <= 2; ++attempt) {
+    // A shut-down closes the browser's socket to end the session; a second
+    // attempt would only open a connection whose answer nobody can take.
+    if (clientSocket_ == INVALID_SOCKET) break;
     if (!ConnectUpstream()) {
       CloseUpstream();
       continue;

@@ -158,17 +158,33 @@ TEST_F(Session, KeptUpstreamConnectionIsReusedAndBodylessResponsesKeepIt) {
   EXPECT_EQ(origin_.ConnectionCount(), 1);
 }
 
-TEST_F(Session, UnframedResponseIsRelayedUntilCloseAndLogged) {
+TEST_F(Session, UnframedResponseEndsWithTheServersClose) {
   RawClient client;
   ASSERT_TRUE(Connect(client));
   ASSERT_TRUE(client.Send(Get("/unframed")));
-  const std::string reply = client.ReceiveUntil("until the end", kWaitMs);
+  // Only the close tells the browser where such a body ends.
+  const std::string reply = client.ReceiveUntilClosed(kWaitMs);
   EXPECT_EQ(Body(reply), "until the end");
-  // The session goes on with a new upstream connection.
+  EXPECT_TRUE(client.PeerClosed());
+  EXPECT_NE(RequestLog().find("[ERR]  HTTP/1.1 200"), std::string::npos);
+}
+
+TEST_F(Session, UnframedResponseGivesWayToTheBrowsersNextRequest) {
+  origin_.SetScript([](const OriginRequest& r) {
+    if (r.target != "/open-ended") return OriginReply::Counted("hello");
+    OriginReply reply = OriginReply::Unframed("partial");
+    reply.closeAfter = false;  // the server keeps the body open
+    return reply;
+  });
+  RawClient client;
+  ASSERT_TRUE(Connect(client));
+  ASSERT_TRUE(client.Send(Get("/open-ended")));
+  EXPECT_EQ(Body(client.ReceiveUntil("partial", kWaitMs)), "partial");
+  // The next request ends the open body: the upstream connection is dropped
+  // and the session goes on with a new one.
   ASSERT_TRUE(client.Send(Get("/next.html")));
   EXPECT_EQ(Body(client.ReceiveResponse(kWaitMs)), "hello");
   EXPECT_EQ(origin_.ConnectionCount(), 2);
-  EXPECT_NE(RequestLog().find("[ERR]  HTTP/1.1 200"), std::string::npos);
 }
 
 TEST_F(Session, ChunkedResponsePassesUnchanged) {

@@ -7,6 +7,8 @@
 
 #include <string>
 
+#include "platform/platform.h"
+#include "resources/resources.h"
 #include "support/tempdir.h"
 #include "vxproxy/proxy.h"
 
@@ -14,6 +16,11 @@ class ServiceFixture : public ::testing::Test {
  protected:
   void SetUp() override {
     proxy_ = GetProxy();
+    // In a test program the service is linked in, not loaded: stand in for
+    // the module's load-time entry, which hands over the replacement bodies.
+    HMODULE self = os::GetModuleHandleOf(reinterpret_cast<const void*>(&GetProxy));
+    RegisterReplacementResources(self);
+    proxy_->SetInstanceHandle(self);
     WriteTextFile(dir_ / "filters/filters.txt", FilterList());
     WriteIni("0");
     proxy_->SetDataFolder(DataFolder().c_str());
