@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <optional>
 #include <vector>
 
 #include "filter/matcher.h"
@@ -72,6 +73,30 @@ bool ReadLowerLines(std::FILE* file, OnLine&& onLine) {
 
 void AddToIndex(void* index, const vxfilter::RuleEntry& entry) {
   static_cast<RuleIndex*>(index)->Add(entry);
+}
+
+// The user's approved list wins over everything, then come the filters
+// file's exceptions.
+bool MatchExceptions(const RuleIndex::Walk* approved, const RuleIndex::Walk* filters) {
+  if (approved != nullptr && (approved->MatchTable(vxfilter::kApprovedExact) ||
+                              approved->MatchTable(vxfilter::kApprovedWildcard))) {
+    return true;
+  }
+  return filters != nullptr && (filters->MatchTable(vxfilter::kFiltersExceptionExact) ||
+                                filters->MatchTable(vxfilter::kFiltersExceptionWildcard));
+}
+
+// Exact tables before wildcard tables, the ad-server pair first in each.
+int MatchDomainRules(const RuleIndex::Walk& filters) {
+  if (filters.MatchTable(vxfilter::kAdServerExact)) return VerdictAdServer;
+  if (filters.MatchTable(vxfilter::kOtherExact)) return VerdictDomain;
+  if (filters.MatchTable(vxfilter::kAdServerWildcard)) return VerdictAdServer;
+  if (filters.MatchTable(vxfilter::kOtherWildcard)) return VerdictDomain;
+  return 0;
+}
+
+bool MatchGenericRules(const RuleIndex::Walk& filters) {
+  return filters.MatchTable(vxfilter::kGenericTable);
 }
 
 std::string Lowered(std::string_view text) {
@@ -176,29 +201,19 @@ int CFilterEngine::CheckRequest(std::string host, std::string path, std::string 
 }
 
 int CFilterEngine::CheckRequest(const FilterRequestInfo& info) const {
-  using vxfilter::RuleIndex;
   try {
     const vxfilter::FilterRequest request(info.host, info.path, info.typeWord, info.referer,
                                           info.skipExceptionTypeCheck);
-    // The user's own list wins over everything in the filters file.
-    if (approved_) {
-      const RuleIndex::Walk walk(*approved_, request);
-      if (walk.Match(vxfilter::kApprovedExact) || walk.Match(vxfilter::kApprovedWildcard)) {
-        return VerdictAllowed;
-      }
+    std::optional<RuleIndex::Walk> approved;
+    if (approved_) approved.emplace(*approved_, request);
+    std::optional<RuleIndex::Walk> filters;
+    if (filters_) filters.emplace(*filters_, request);
+    if (MatchExceptions(approved ? &*approved : nullptr, filters ? &*filters : nullptr)) {
+      return VerdictAllowed;
     }
-    if (filters_) {
-      const RuleIndex::Walk walk(*filters_, request);
-      if (walk.Match(vxfilter::kFiltersExceptionExact) ||
-          walk.Match(vxfilter::kFiltersExceptionWildcard)) {
-        return VerdictAllowed;
-      }
-      if (walk.Match(vxfilter::kAdServerExact)) return VerdictAdServer;
-      if (walk.Match(vxfilter::kOtherExact)) return VerdictDomain;
-      if (walk.Match(vxfilter::kAdServerWildcard)) return VerdictAdServer;
-      if (walk.Match(vxfilter::kOtherWildcard)) return VerdictDomain;
-      if (walk.Match(vxfilter::kGenericTable)) return VerdictGeneric;
-    }
+    if (!filters) return VerdictNoMatch;
+    if (const int code = MatchDomainRules(*filters)) return code;
+    if (MatchGenericRules(*filters)) return VerdictGeneric;
     return VerdictNoMatch;
   } catch (...) {
     // A broken rule must not break browsing: the request passes.

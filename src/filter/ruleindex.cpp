@@ -286,7 +286,7 @@ RuleIndex::Walk::Walk(const RuleIndex& index, const FilterRequest& request)
   dedupe(hostHits_);
 }
 
-bool RuleIndex::Walk::Match(TableId table) const {
+bool RuleIndex::Walk::MatchTable(TableId table) const {
   switch (table) {
     case kFiltersExceptionExact:
     case kApprovedExact:

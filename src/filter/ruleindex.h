@@ -1,7 +1,9 @@
-// The rule tables of one source (the filters file, or the user's approved
-// list) and the indexes that let a check look only at entries that can match:
-// exact keys by hash, generic keys and the literal parts of wildcard keys and
-// of key-less entries through one needle search of the request text.
+// The rule tables of one source and the indexes that let a check look only at
+// entries that can match. The filters file fills its exception pair, both
+// domain-rule pairs and the generic table; the user's approved list fills
+// the approved pair. Exact keys are found by hash; generic keys and the
+// literal parts of wildcard keys and of key-less entries by one needle
+// search of the request text. Entries with equal keys keep their file order.
 #pragma once
 
 #include <cstdint>
@@ -42,7 +44,7 @@ class RuleIndex {
     Walk(const RuleIndex& index, const FilterRequest& request);
     // Whether an entry of the table matches, with the table's modes.
     // Throws what MatchEntry throws.
-    bool Match(TableId table) const;
+    bool MatchTable(TableId table) const;
 
    private:
     struct Hit {
