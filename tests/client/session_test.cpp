@@ -3,6 +3,8 @@
 #include <array>
 #include <chrono>
 #include <cstdio>
+#include <functional>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -26,6 +28,15 @@ const std::string kGifBytes(
     "\x47\x49\x46\x38\x39\x61\x01\x00\x01\x00\x80\x00\x00\x00\x00\x00\xFF\xFF\xFF\x21\xF9\x04\x01"
     "\x00\x00\x00\x00\x2C\x00\x00\x00\x00\x01\x00\x01\x00\x00\x02\x01\x44\x00\x3B",
     42);
+
+bool WaitUntil(const std::function<bool()>& done, int timeoutMs) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+  while (!done()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return true;
+}
 
 std::string Body(const std::string& response) {
   const size_t end = response.find("\r\n\r\n");
@@ -258,13 +269,21 @@ TEST_F(Session, UnreachableServerClosesTheConnection) {
 }
 
 TEST_F(Session, ManyConcurrentConnections) {
+  // All connections are open at once and their requests run side by side. Each
+  // is opened once the previous one was taken: the listen backlog is small,
+  // and a burst of handshakes would only test the kernel's SYN retries.
   constexpr int kClients = 200;
+  std::vector<std::unique_ptr<RawClient>> clients;
+  for (int i = 0; i < kClients; ++i) {
+    clients.push_back(std::make_unique<RawClient>());
+    ASSERT_TRUE(clients.back()->Connect(port_)) << i;
+    ASSERT_TRUE(WaitUntil([&] { return proxy_->GetActiveClientCount() == i + 1; }, kWaitMs));
+  }
   std::vector<std::thread> threads;
   std::atomic<int> served{0};
   for (int i = 0; i < kClients; ++i) {
     threads.emplace_back([&, i] {
-      RawClient client;
-      if (!client.Connect(port_)) return;
+      RawClient& client = *clients[i];
       const std::string path = i % 2 ? "/banner/x" + std::to_string(i) + ".gif" : "/p.html";
       if (!client.Send(Get(path))) return;
       const std::string body = Body(client.ReceiveResponse(15000));
