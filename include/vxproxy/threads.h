@@ -51,7 +51,7 @@ constexpr unsigned long kWaitForever = 0xFFFFFFFFul;
 class VX_EXPORT CSynchronizationBase {
  public:
   CSynchronizationBase() = default;
-  CSynchronizationBase(const CSynchronizationBase&) = default;
+  [[gnu::noinline]] CSynchronizationBase(const CSynchronizationBase&) = default;
   CSynchronizationBase& operator=(const CSynchronizationBase&) = default;
   virtual ~CSynchronizationBase();                    // slot 0
   virtual unsigned long Lock(unsigned long timeout) = 0;  // slot 1
@@ -69,7 +69,7 @@ class VX_EXPORT CCriticalSectionEx : public CSynchronizationBase {
   CCriticalSectionEx();
   // Copies exist for compatibility; a copy is a fresh, unowned lock and
   // assignment leaves the lock as it is.
-  CCriticalSectionEx(const CCriticalSectionEx& other) : CSynchronizationBase(other) {}
+  [[gnu::noinline]] CCriticalSectionEx(const CCriticalSectionEx& other) : CSynchronizationBase(other) {}
   CCriticalSectionEx& operator=(const CCriticalSectionEx& other) {
     CSynchronizationBase::operator=(other);
     return *this;
@@ -136,7 +136,7 @@ class VX_EXPORT CAutoSync {
   explicit CAutoSync(CSynchronizationBase& lock);
   CAutoSync(CSynchronizationBase& lock, unsigned long timeout);
   // Member-wise copies exist for compatibility; nothing copies a guard.
-  CAutoSync(const CAutoSync&) = default;
+  [[gnu::noinline]] CAutoSync(const CAutoSync&) = default;
   CAutoSync& operator=(const CAutoSync&) = default;
   virtual ~CAutoSync();
   unsigned long GetStatus() const { return status_; }

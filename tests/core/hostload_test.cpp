@@ -43,9 +43,13 @@ TEST(HostLoad, ModuleExportsOnlyTheHostInterface) {
   EXPECT_NE(symbols.find("GetProxy"), std::string::npos);
   EXPECT_NE(symbols.find("CLogManip::CLogManip(int)"), std::string::npos);
   EXPECT_NE(symbols.find("CProxySiteStatistics"), std::string::npos);
+  EXPECT_NE(symbols.find("CLogManipEx::CLogManipEx(int)"), std::string::npos);
+  EXPECT_NE(symbols.find("CAutoSync::operator=(CAutoSync const&)"), std::string::npos);
+  EXPECT_NE(symbols.find("CCriticalSectionEx::CCriticalSectionEx(CCriticalSectionEx const&)"),
+            std::string::npos);
   // Nothing of the module's insides.
   for (const char* internal : {"CProxyClient", "CHTTPRequest", "CProxyManager", "CFilterEngine",
-                               "CVxHTTPProxy::Start", "CheckRequest"}) {
+                               "CVxHTTPProxy::Start", "CheckRequest", "std::"}) {
     EXPECT_EQ(symbols.find(internal), std::string::npos) << internal;
   }
 }
