@@ -1,5 +1,6 @@
 #include "vxproxy/filterengine.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <exception>
