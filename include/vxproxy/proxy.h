@@ -124,11 +124,11 @@ class CVxHTTPProxy : public CThreadEx {
   std::map<std::string, std::string> typeWordTable_;
   CLog ownLog_;
   unsigned short port_;
-  bool filteringEnabled_;
+  std::atomic<bool> filteringEnabled_;  // may change while workers read it
   CStringBuffer upstreamHost_;
   unsigned short upstreamPort_;
   HMODULE instance_;
-  int traceMode_;
+  std::atomic<int> traceMode_;
   CProxyManager* clients_;
   CHeaderManager* headerManager_;
   CFilterEngine filterEngine_;
