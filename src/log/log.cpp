@@ -17,11 +17,11 @@ constexpr unsigned long kMaxSizeLimit = 104857600;
 constexpr int kDefaultFlushThreshold = 1024;
 constexpr int kConversionBufferSize = 100;
 
-void AppendConversion(CStringBuffer& out, const char* spec, ...) {
+void AppendConversion(CStringBuffer& out, const char* conversion, ...) {
   char buffer[kConversionBufferSize];
   va_list args;
-  va_start(args, spec);
-  const int n = std::vsnprintf(buffer, sizeof buffer, spec, args);
+  va_start(args, conversion);
+  const int n = std::vsnprintf(buffer, sizeof buffer, conversion, args);
   va_end(args);
   if (n > 0) out.AddString(buffer, n < kConversionBufferSize ? n : kConversionBufferSize - 1);
 }
@@ -56,17 +56,17 @@ void FormatLogText(const char* format, va_list args, CStringBuffer& out) {
       ++p;
       continue;
     }
-    // The C library gets the specification as written, except for capitals it
+    // The C library gets the conversion as written, except for capitals it
     // has no meaning for.
-    char spec[kConversionBufferSize];
+    char conversion[kConversionBufferSize];
     const std::size_t flags = static_cast<std::size_t>(q - p);
-    if (flags + 2 > sizeof spec) {  // an absurd run of digits: treat it as text
+    if (flags + 2 > sizeof conversion) {  // an absurd run of digits: treat it as text
       ++p;
       continue;
     }
-    std::memcpy(spec, p, flags);
-    spec[flags] = std::strchr("EFGX", *q) != nullptr ? *q : letter;
-    spec[flags + 1] = '\0';
+    std::memcpy(conversion, p, flags);
+    conversion[flags] = std::strchr("EFGX", *q) != nullptr ? *q : letter;
+    conversion[flags + 1] = '\0';
     switch (letter) {
       case 's': {
         const char* text = va_arg(args, const char*);
@@ -78,20 +78,20 @@ void FormatLogText(const char* format, va_list args, CStringBuffer& out) {
         (void)va_arg(args, void*);
         break;
       case 'p':
-        AppendConversion(out, spec, va_arg(args, void*));
+        AppendConversion(out, conversion, va_arg(args, void*));
         break;
       case 'e':
       case 'f':
       case 'g':
-        AppendConversion(out, spec, va_arg(args, double));
+        AppendConversion(out, conversion, va_arg(args, double));
         break;
       case 'd':
       case 'i':
       case 'c':
-        AppendConversion(out, spec, va_arg(args, int));
+        AppendConversion(out, conversion, va_arg(args, int));
         break;
       default:  // o u x
-        AppendConversion(out, spec, va_arg(args, unsigned int));
+        AppendConversion(out, conversion, va_arg(args, unsigned int));
         break;
     }
     p = q + 1;
