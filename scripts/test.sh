@@ -4,7 +4,7 @@
 # suites under ThreadSanitizer. Installs missing packages first.
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
-"$root/scripts/deps.sh"
+"$root/scripts/deps.sh" chromium
 jobs="$(nproc)"
 
 run_suite() {
