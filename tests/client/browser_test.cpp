@@ -31,7 +31,7 @@ OriginReply Serve(const OriginRequest& r) {
   return OriginReply::Counted("", "text/plain", 404);
 }
 
-std::string Run(const std::string& command) {
+std::string RunCommand(const std::string& command) {
   std::string output;
   FILE* pipe = popen(command.c_str(), "r");
   if (pipe == nullptr) return output;
@@ -81,7 +81,7 @@ TEST_F(Browser, PageLoadsThroughTheProxyWithoutItsAds) {
       " --component-updater=url-source=http://127.0.0.1:9/ --gaia-url=http://127.0.0.1:9/"
       " --disable-features=NetworkTimeServiceQuerying --virtual-time-budget=5000"
       " --dump-dom " + page + " 2>/dev/null";
-  const std::string dom = Run(command);
+  const std::string dom = RunCommand(command);
   EXPECT_NE(dom.find("id=\"real\""), std::string::npos) << dom;
 
   std::set<std::string> targets;
