@@ -1,24 +1,14 @@
 // The registry of log sinks by number, and the level manipulators.
-#include <cstdlib>
-
 #include "vxproxy/log.h"
 
 CLogManager::CLogManager() = default;
 
 CLogManager* CLogManager::Instance() {
-  // Never destroyed: objects with static storage (the service object among
-  // them) may still reach their logs while the process exits, whatever order
-  // their destructors run in. Exit only flushes what the logs still hold.
-  static CLogManager* const manager = [] {
-    auto* created = new CLogManager;
-    std::atexit([] {
-      CLogManager* m = Instance();
-      CAutoSync guard(m->lock_);
-      for (auto& entry : m->logs_) entry.second->Flush();
-    });
-    return created;
-  }();
-  return manager;
+  // Built on first use and destroyed when the process exits or the module is
+  // unloaded. The service object asks for it while it is being constructed,
+  // so the manager outlives the service object and its last log lines.
+  static CLogManager manager;
+  return &manager;
 }
 
 CLogManager::~CLogManager() { DeleteAll(); }
