@@ -20,42 +20,18 @@ class TestRequest : public CHTTPRequest {
  public:
   explicit TestRequest(SOCKET client) : CHTTPRequest(client) {}
 
-  using CHTTPRequest::SetWaits;
-  using CHTTPRequest::keptHost_;
-  using CHTTPRequest::connectHost_;
-  using CHTTPRequest::connectionTag_;
-  using CHTTPRequest::headerLines_;
-  using CHTTPRequest::rawHeader_;
-  using CHTTPRequest::receiveBuffer_;
-  using CHTTPRequest::otherHeaderLines_;
-  using CHTTPRequest::scheme_;
-  using CHTTPRequest::path_;
-  using CHTTPRequest::typeWord_;
-  using CHTTPRequest::host_;
-  using CHTTPRequest::method_;
-  using CHTTPRequest::refererHost_;
-  using CHTTPRequest::requestTarget_;
-  using CHTTPRequest::version_;
-  using CHTTPRequest::startLine_;
-  using CHTTPRequest::requestLine_;
-  using CHTTPRequest::proxyDestination_;
-  using CHTTPRequest::proxyConnectionLine_;
-  using CHTTPRequest::localAddress_;
-  using CHTTPRequest::responseTypeWord_;
-  using CHTTPRequest::statusCode_;
-  using CHTTPRequest::urlPort_;
-  using CHTTPRequest::connectPort_;
-  using CHTTPRequest::keptPort_;
-  using CHTTPRequest::contentLength_;
-  using CHTTPRequest::closeFlag_;
-  using CHTTPRequest::chunkedFlag_;
-  using CHTTPRequest::clientSocket_;
-  using CHTTPRequest::upstreamSocket_;
-  using CHTTPRequest::bytesFromClient_;
-  using CHTTPRequest::bytesFromUpstream_;
-  using CHTTPRequest::headerMap_;
-  using CHTTPRequest::deferredCheck_;
-  using CHTTPRequest::verdict_;
+  using CHTTPRequest::SetWaits, CHTTPRequest::keptHost_, CHTTPRequest::connectHost_,
+      CHTTPRequest::connectionTag_, CHTTPRequest::headerLines_, CHTTPRequest::rawHeader_,
+      CHTTPRequest::receiveBuffer_, CHTTPRequest::otherHeaderLines_, CHTTPRequest::scheme_,
+      CHTTPRequest::path_, CHTTPRequest::typeWord_, CHTTPRequest::host_, CHTTPRequest::method_,
+      CHTTPRequest::refererHost_, CHTTPRequest::requestTarget_, CHTTPRequest::version_,
+      CHTTPRequest::startLine_, CHTTPRequest::requestLine_, CHTTPRequest::proxyDestination_,
+      CHTTPRequest::proxyConnectionLine_, CHTTPRequest::localAddress_,
+      CHTTPRequest::responseTypeWord_, CHTTPRequest::statusCode_, CHTTPRequest::urlPort_,
+      CHTTPRequest::connectPort_, CHTTPRequest::contentLength_, CHTTPRequest::closeFlag_,
+      CHTTPRequest::chunkedFlag_, CHTTPRequest::clientSocket_, CHTTPRequest::upstreamSocket_,
+      CHTTPRequest::bytesFromClient_, CHTTPRequest::bytesFromUpstream_, CHTTPRequest::headerMap_,
+      CHTTPRequest::deferredCheck_, CHTTPRequest::verdict_;
 };
 
 inline std::string Text(const CBufStream& b) { return std::string(b.GetBuffer(), static_cast<std::size_t>(b.GetSize())); }
