@@ -36,6 +36,8 @@ int closesocket(SOCKET s);
 
 // Binds to INADDR_ANY and the port (host order). 0 on success.
 int BindAny(SOCKET s, std::uint16_t port);
+// Binds to one local IPv4 address (host order), e.g. a client's source address.
+int Bind(SOCKET s, std::uint32_t address, std::uint16_t port);
 int listen(SOCKET s, int backlog);
 // Accepts a connection; the peer's IPv4 address and port come back in host order.
 SOCKET accept(SOCKET s, std::uint32_t* peerAddress, std::uint16_t* peerPort);

@@ -144,7 +144,9 @@ int closesocket(SOCKET s) {
   return 0;
 }
 
-int BindAny(SOCKET s, std::uint16_t port) {
+int BindAny(SOCKET s, std::uint16_t port) { return Bind(s, INADDR_ANY, port); }
+
+int Bind(SOCKET s, std::uint32_t host, std::uint16_t port) {
   SocketCall call(s);
   if (call.fd() < 0) return Fail(EBADF);
   // Lets a restarted service take its port back while connections of the
@@ -152,7 +154,7 @@ int BindAny(SOCKET s, std::uint16_t port) {
   const int on = 1;
   ::setsockopt(call.fd(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
   sockaddr_in address;
-  ToSockaddr(INADDR_ANY, port, &address);
+  ToSockaddr(host, port, &address);
   if (::bind(call.fd(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
     return FailWithErrno();
   }

@@ -287,6 +287,33 @@ TEST_F(ServiceStart, StopWritesItsLinesAndEndsTheAcceptThread) {
   EXPECT_EQ(log.find('\n', called), log.find("\r\n", called) + 1);
 }
 
+TEST_F(ServiceStart, OnlyTheLoopbackPeerIsServed) {
+  ASSERT_TRUE(proxy_->Start());
+  // A blocked address: from 127.0.0.1 it gets the replacement image, from
+  // another address of this machine the connection is closed without a byte.
+  const char request[] = "GET http://ads.example.com/x.gif HTTP/1.1\r\nHost: a\r\n\r\n";
+  auto firstByteFrom = [&](std::uint32_t source) {
+    SOCKET s = os::CreateTcpSocket();
+    EXPECT_EQ(os::Bind(s, source, 0), 0);
+    EXPECT_EQ(os::connect(s, os::kLoopbackAddress, proxy_->GetPort()), 0);
+    os::send(s, request, sizeof request - 1);
+    char byte = 0;
+    const int got = os::SelectRead(s, INVALID_SOCKET, 5, 0) > 0 ? os::recv(s, &byte, 1, 0) : -2;
+    os::closesocket(s);
+    return got == 1 ? std::string(1, byte) : std::to_string(got);
+  };
+  EXPECT_EQ(firstByteFrom(os::kLoopbackAddress), "H");  // "HTTP/1.1 200 OK"
+  EXPECT_EQ(firstByteFrom(0x7F000002u), "0");           // 127.0.0.2: closed
+}
+
+TEST_F(ServiceStart, StopOnAStoppedServiceStillLogsBothLines) {
+  ASSERT_TRUE(proxy_->Initialize());  // logs open, nothing listening
+  EXPECT_TRUE(proxy_->Stop());
+  const std::string log = ProxyLog();
+  EXPECT_NE(log.find("[INFO]: Proxy stop called @"), std::string::npos);
+  EXPECT_NE(log.find("[INFO]: Proxy Stopped @"), std::string::npos);
+}
+
 TEST_F(ServiceStart, MissingFiltersFileFailsEvenWithAnApprovedList) {
   std::filesystem::remove(dir_ / "filters/filters.txt");
   WriteTextFile(dir_ / "data/vexilowl.txt", "@@||example.com^\n");
