@@ -9,6 +9,7 @@
 #include <arpa/inet.h>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -116,12 +117,20 @@ int SocketStartupCount() { return g_startupCount.load(); }
 
 int WSAGetLastError() { return t_lastError; }
 
+// The proxy writes a message in several pieces (status line, header, body);
+// with Nagle's algorithm a piece would wait for the peer's delayed ACK.
+static void DisableNagle(int fd) {
+  const int on = 1;
+  ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+}
+
 SOCKET CreateTcpSocket() {
   const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (fd < 0) {
     FailWithErrno();
     return INVALID_SOCKET;
   }
+  DisableNagle(fd);
   return static_cast<SOCKET>(fd);
 }
 
@@ -185,6 +194,7 @@ SOCKET accept(SOCKET s, std::uint32_t* peerAddress, std::uint16_t* peerPort) {
     FailWithErrno();
     return INVALID_SOCKET;
   }
+  DisableNagle(fd);
   FromSockaddr(peer, peerAddress, peerPort);
   return static_cast<SOCKET>(fd);
 }
