@@ -3,11 +3,8 @@
 // It accepts any number of connections, each served by its own thread,
 // records every byte received per connection exactly as it came, splits the
 // stream into requests (header, then a body framed by Content-Length or
-// chunked coding) and answers each request with the reply a script returns.
-// Replies are given as exact bytes plus how to send them (all at once, in
-// slow pieces, then close or keep the connection), so tests can produce
-// counted, unframed, body-less, redirect, image, chunked and trickling
-// responses, as well as silence and hang-ups.
+// chunked coding) and answers each request with the reply a script returns:
+// exact bytes, then keep or close the connection, or silence.
 //
 //   vxtest::OriginServer origin([](const vxtest::OriginRequest& r) {
 //     return r.target == "/ad.png" ? vxtest::OriginReply::Image("PNGDATA")
@@ -15,15 +12,12 @@
 //   });
 //   ... send requests to 127.0.0.1:origin.Port() ...
 //   ASSERT_TRUE(origin.WaitForRequests(1, 5000));
-//
-// From a test folder include it as "../support/origin_server.h".
 //   EXPECT_EQ(origin.Received(0), "GET /ad.png HTTP/1.1\r\nHost: ...\r\n\r\n");
 #pragma once
 
 #include <atomic>
 #include <condition_variable>
 #include <functional>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -36,21 +30,14 @@ namespace vxtest {
 
 // One request as the server received it.
 struct OriginRequest {
-  int connection = 0;  // index of the connection, in order of acceptance
-  int index = 0;       // index of the request on its connection
-  std::string raw;     // header and body bytes exactly as received
   std::string header;  // up to and including the blank line
-  std::string method, target, version;
-  std::map<std::string, std::string> fields;  // lower-case name -> trimmed value
+  std::string method, target;
   std::string body;    // as received: a chunked body keeps its framing
 };
 
 // What to send back, and how.
 struct OriginReply {
   std::string bytes;         // sent exactly as given
-  int pieceSize = 0;         // 0: all at once; otherwise pieces of this size...
-  int pauseMs = 0;           // ...with this pause between them
-  int delayMs = 0;           // wait before sending anything
   bool closeAfter = false;   // close the connection once sent
   bool hold = false;         // send nothing and answer nothing more; keep the
                              // connection open (still recording what arrives)
@@ -60,7 +47,8 @@ struct OriginReply {
   static OriginReply Counted(const std::string& body, const std::string& contentType = "text/html",
                              int status = 200, const std::string& extraFields = "");
   // No Content-Length, no chunking: the body ends when the server closes.
-  static OriginReply Unframed(const std::string& body, const std::string& contentType = "text/html");
+  static OriginReply Unframed(const std::string& body,
+                              const std::string& contentType = "text/html");
   // A header only, without Content-Length (204, 304, ...).
   static OriginReply NoBody(int status);
   // 301/302/303/307 with a Location and an empty counted body.
@@ -72,24 +60,13 @@ struct OriginReply {
   static OriginReply Chunked(const std::vector<std::string>& chunks,
                              const std::string& contentType = "text/html",
                              const std::string& trailers = "");
-  // The exact bytes given.
-  static OriginReply Raw(const std::string& bytes);
   // Silence (see hold).
-  static OriginReply Silent();
+  static OriginReply Silent() { return OriginReply{"", false, true}; }
   // Close the connection without a reply.
-  static OriginReply Hangup();
+  static OriginReply Hangup() { return OriginReply{"", true, false}; }
 
-  OriginReply& Slowly(int piece, int pause) {
-    pieceSize = piece;
-    pauseMs = pause;
-    return *this;
-  }
   OriginReply& ThenClose() {
     closeAfter = true;
-    return *this;
-  }
-  OriginReply& After(int ms) {
-    delayMs = ms;
     return *this;
   }
 };
@@ -100,7 +77,7 @@ class OriginServer {
 
   // Without a script every request gets Counted("hello").
   explicit OriginServer(Script script = nullptr);
-  ~OriginServer();
+  ~OriginServer() { Stop(); }
   OriginServer(const OriginServer&) = delete;
   OriginServer& operator=(const OriginServer&) = delete;
 
@@ -115,13 +92,10 @@ class OriginServer {
   // Every byte received on one connection so far ("" for an unknown index).
   std::string Received(int connection) const;
   std::vector<OriginRequest> Requests() const;
-  // True when the connection was closed by the peer.
-  bool IsClosedByPeer(int connection) const;
 
   bool WaitForConnections(int count, int timeoutMs) const;
   bool WaitForRequests(int count, int timeoutMs) const;
-  // Waits until the connection has received at least `bytes` bytes.
-  bool WaitForBytes(int connection, std::size_t bytes, int timeoutMs) const;
+  // Waits until the peer has closed the connection.
   bool WaitForPeerClose(int connection, int timeoutMs) const;
 
  private:
@@ -133,13 +107,11 @@ class OriginServer {
   };
 
   void AcceptLoop();
-  void Serve(int index);
+  void Serve(Connection* c);
   // Reads more bytes of a connection; false when it closed, failed or the
   // server stops.
-  bool ReadMore(int index, SOCKET s, std::string& buffer);
-  bool SendReply(SOCKET s, const OriginReply& reply);
-  template <typename Pred>
-  bool WaitFor(int timeoutMs, Pred pred) const;
+  bool ReadMore(Connection* c, std::string& buffer);
+  bool WaitFor(int timeoutMs, const std::function<bool()>& done) const;
 
   SOCKET listen_ = INVALID_SOCKET;
   unsigned short port_ = 0;

@@ -10,7 +10,6 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <string>
 #include <string_view>
 
@@ -26,16 +25,15 @@ void CloseSocket(SOCKET& s);
 class LoopbackListener {
  public:
   LoopbackListener();
-  ~LoopbackListener();
+  ~LoopbackListener() { Close(); }
   LoopbackListener(const LoopbackListener&) = delete;
   LoopbackListener& operator=(const LoopbackListener&) = delete;
 
-  bool IsOpen() const { return socket_ != INVALID_SOCKET; }
   unsigned short Port() const { return port_; }
   SOCKET Socket() const { return socket_; }
   // The next connection, or INVALID_SOCKET when none arrives in time.
   SOCKET Accept(int timeoutMs);
-  void Close();
+  void Close() { CloseSocket(socket_); }
 
  private:
   SOCKET socket_ = INVALID_SOCKET;
@@ -47,7 +45,10 @@ class LoopbackListener {
 // released (set to INVALID_SOCKET) first.
 struct SocketPair {
   SocketPair();
-  ~SocketPair();
+  ~SocketPair() {
+    CloseSocket(client);
+    CloseSocket(server);
+  }
   SocketPair(const SocketPair&) = delete;
   SocketPair& operator=(const SocketPair&) = delete;
   bool IsOpen() const { return client != INVALID_SOCKET && server != INVALID_SOCKET; }
@@ -59,35 +60,36 @@ struct SocketPair {
 // Sends the whole text; false on a send error.
 bool SendAllBytes(SOCKET s, std::string_view bytes);
 
-// One HTTP message header split up: start line, fields (lower-case name ->
-// trimmed value; the last of repeated fields wins) and the header's size
-// including the blank line. Empty start line when the text holds no blank line.
+// One HTTP message header: its start line (without CRLF), the framing its
+// fields ask for, and its size including the blank line (0 while the blank
+// line has not arrived).
 struct HttpHead {
-  std::string startLine;  // without CRLF
-  std::map<std::string, std::string> fields;
-  int status = 0;         // for responses: the number after the version
+  std::string startLine;
+  int status = 0;            // for responses: the number after the version
+  long contentLength = -1;   // -1: no Content-Length field
+  bool chunked = false;      // Transfer-Encoding: chunked
   std::size_t size = 0;
 };
 HttpHead ParseHttpHead(std::string_view message);
+// Size of the chunked body data starts with, trailers and the final blank
+// line included; npos while it is incomplete.
+std::size_t ChunkedBodyLength(std::string_view data);
 
 class RawClient {
  public:
   RawClient() = default;
   explicit RawClient(SOCKET adopted) : socket_(adopted) {}
-  ~RawClient();
+  ~RawClient() { Close(); }
   RawClient(const RawClient&) = delete;
   RawClient& operator=(const RawClient&) = delete;
 
   bool Connect(unsigned short port, std::uint32_t address = os::kLoopbackAddress);
-  bool IsConnected() const { return socket_ != INVALID_SOCKET; }
-  SOCKET Socket() const { return socket_; }
   // Gives up ownership of the socket.
   SOCKET Release();
   void Close();
 
   bool Send(std::string_view bytes);
-  // Sends in pieces of pieceSize bytes with a pause between them (one byte
-  // at a time: pieceSize 1).
+  // Sends in pieces of pieceSize bytes with a pause between them.
   bool SendSlowly(std::string_view bytes, int pieceSize, int pauseMs);
 
   // Exactly n bytes, or fewer when the peer closes or time runs out.
@@ -100,17 +102,19 @@ class RawClient {
   // What arrives within waitMs (nothing buffered: an empty string).
   std::string ReceiveAvailable(int waitMs);
   // One whole HTTP response: the header, then a body framed by
-  // Content-Length, chunked coding, or the close of the connection. A
-  // response to HEAD, a 1xx, 204 or 304 has no body.
-  std::string ReceiveResponse(int timeoutMs, bool toHead = false);
+  // Content-Length, chunked coding, or the close of the connection. A 1xx,
+  // 204 or 304 response has no body.
+  std::string ReceiveResponse(int timeoutMs);
   // True when the peer has closed the connection within the time (bytes
   // that arrive first are kept for the next read).
   bool WaitForClose(int timeoutMs);
   bool PeerClosed() const { return peerClosed_; }
 
  private:
-  // Reads more into pending_; false on time-out, close or error.
-  bool Fill(int timeoutMs);
+  // Reads more into pending_ until done() or the deadline; false when time
+  // ran out or the connection ended first.
+  template <typename Done>
+  bool FillUntil(int timeoutMs, Done done);
   std::string Take(std::size_t n);
 
   SOCKET socket_ = INVALID_SOCKET;

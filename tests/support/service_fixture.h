@@ -23,8 +23,8 @@ class ServiceFixture : public ::testing::Test {
     proxy_->SetInstanceHandle(self);
     WriteTextFile(dir_ / "filters/filters.txt", FilterList());
     WriteIni("0");
-    proxy_->SetDataFolder(DataFolder().c_str());
-    proxy_->SetLogFolder(LogFolder().c_str());
+    proxy_->SetDataFolder((dir_ / "data").c_str());
+    proxy_->SetLogFolder((dir_ / "logs").c_str());
     proxy_->SetFilterFolder((dir_ / "filters").c_str());
     proxy_->EnableFiltering(true);
     proxy_->SetTraceMode(1);
@@ -34,7 +34,7 @@ class ServiceFixture : public ::testing::Test {
 
   void TearDown() override {
     proxy_->Stop();
-    ForgetPort();
+    proxy_->ResetPort();  // the service remembers its port across Stop/Start
   }
 
   // The rules the service starts with; tests override to load their own.
@@ -44,11 +44,6 @@ class ServiceFixture : public ::testing::Test {
     WriteTextFile(dir_ / "data/vexilo.ini", "[Vexilo]\nPort=" + port + "\n");
   }
 
-  // The service remembers its port across Stop/Start; a new test starts clean.
-  void ForgetPort() { proxy_->ResetPort(); }
-
-  std::string DataFolder() const { return dir_ / "data"; }
-  std::string LogFolder() const { return dir_ / "logs"; }
   std::string ProxyLog() const { return ReadTextFile(dir_ / "logs/proxy.log"); }
   std::string RequestLog() const { return ReadTextFile(dir_ / "logs/request.log"); }
   std::string BlockedLog() const { return ReadTextFile(dir_ / "logs/blocked.log"); }
