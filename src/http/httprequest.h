@@ -65,6 +65,7 @@ class CHTTPRequest {
   int CountReceived(SOCKET socket, int received);
   int ReceiveMore(SOCKET socket);
   int RelayBytes(SOCKET source, SOCKET destination, int count, CBufStream* copy);
+  int RelayStep(SOCKET source, SOCKET destination, int want, CBufStream* copy);
   int RelayWatched(SOCKET source, SOCKET destination, int limit, CBufStream* copy);
   int ForwardBody(SOCKET source, SOCKET destination, int length, CBufStream* copy);
   int DiscardBody(SOCKET source);

@@ -79,26 +79,33 @@ int CHTTPRequest::ReceiveMore(SOCKET socket) {
   return n;
 }
 
+// One step of a relay: receives at most want bytes from the source and hands
+// them on. The received count, or -1 when the source closed or failed (a
+// close before the expected end is a failure too, but only an error is worth
+// a line) or the destination could not take them.
+int CHTTPRequest::RelayStep(SOCKET source, SOCKET destination, int want, CBufStream* copy) {
+  char buffer[kRelayRecvBytes];
+  if (static_cast<unsigned>(want) > sizeof buffer) want = sizeof buffer;
+  const int n = CountReceived(source, os::recv(source, buffer, want, 0));
+  if (n <= 0) {
+    if (n == SOCKET_ERROR) {
+      eventLog_ << CLogManip(kLevelVerbose) << connectionTag_ << "Recv failed "
+                << os::WSAGetLastError() << lend;
+    }
+    return -1;
+  }
+  if (copy != nullptr) copy->AddString(buffer, n);
+  if (destination != INVALID_SOCKET && SendAll(destination, buffer, n) <= 0) return -1;
+  return n;
+}
+
 int CHTTPRequest::RelayBytes(SOCKET source, SOCKET destination, int count, CBufStream* copy) {
   if (count <= 0) return 0;
-  char buffer[kRelayRecvBytes];
   int total = 0;
   while (total < count) {
     if (WaitForSocket(source, waits_.relaySec) < 1) return -1;
-    const int want = static_cast<int>(
-        std::min(static_cast<unsigned>(count - total), static_cast<unsigned>(sizeof buffer)));
-    const int n = CountReceived(source, os::recv(source, buffer, want, 0));
-    if (n <= 0) {
-      // A close before the count is reached is a failure too, but only an
-      // error is worth a line.
-      if (n == SOCKET_ERROR) {
-        eventLog_ << CLogManip(kLevelVerbose) << connectionTag_ << "Recv failed "
-                  << os::WSAGetLastError() << lend;
-      }
-      return -1;
-    }
-    if (copy != nullptr) copy->AddString(buffer, n);
-    if (destination != INVALID_SOCKET && SendAll(destination, buffer, n) <= 0) return -1;
+    const int n = RelayStep(source, destination, count - total, copy);
+    if (n < 0) return -1;
     total += n;
   }
   return total;
@@ -106,7 +113,6 @@ int CHTTPRequest::RelayBytes(SOCKET source, SOCKET destination, int count, CBufS
 
 int CHTTPRequest::RelayWatched(SOCKET source, SOCKET destination, int limit, CBufStream* copy) {
   if (limit <= 0) return 0;
-  char buffer[kRelayRecvBytes];
   int total = 0;
   while (total < limit) {
     const int ready = WaitForEither(source, destination, waits_.relaySec);
@@ -118,18 +124,8 @@ int CHTTPRequest::RelayWatched(SOCKET source, SOCKET destination, int limit, CBu
       CloseUpstream();
       return total;
     }
-    const int want = static_cast<int>(
-        std::min(static_cast<unsigned>(limit - total), static_cast<unsigned>(sizeof buffer)));
-    const int n = CountReceived(source, os::recv(source, buffer, want, 0));
-    if (n <= 0) {
-      if (n == SOCKET_ERROR) {
-        eventLog_ << CLogManip(kLevelVerbose) << connectionTag_ << "Recv failed "
-                  << os::WSAGetLastError() << lend;
-      }
-      return -1;
-    }
-    if (copy != nullptr) copy->AddString(buffer, n);
-    if (destination != INVALID_SOCKET && SendAll(destination, buffer, n) <= 0) return -1;
+    const int n = RelayStep(source, destination, limit - total, copy);
+    if (n < 0) return -1;
     total += n;
   }
   return total;
