@@ -187,13 +187,18 @@ void RuleParser::ReadApprovedLine(std::string_view line) {
   }
 }
 
-void RuleParser::AddDomainRule(std::string_view text, bool adServer) {
+// The part that "||" rules and exceptions share: options, anchors and the
+// key. Returns false when the line is dropped (a blocking rule without any
+// type); sets wildcard when the key belongs in a wildcard table.
+bool RuleParser::ParseKeyedRule(std::string_view text, bool hostAnchored, bool dropWithoutTypes,
+                                bool* wildcard) {
   options_.Reset();
-  options_.hostAnchored = true;
+  options_.hostAnchored = hostAnchored;
   const std::size_t dollar = text.find('$');
   if (dollar != std::string_view::npos) {
     ParseOptions(text.substr(dollar + 1), options_);
-    if (options_.typeMask == 0) return;
+    // An exception with a type mask of 0 is kept: it just never passes a type check.
+    if (dropWithoutTypes && options_.typeMask == 0) return false;
     if (dollar > 0 && text[dollar - 1] == '|') options_.endAnchored = true;
   } else if (!text.empty() && text.back() == '|') {
     options_.endAnchored = true;
@@ -201,7 +206,13 @@ void RuleParser::AddDomainRule(std::string_view text, bool adServer) {
   if (Contains(text, "^")) options_.hasSeparator = true;
   key_.assign(SplitRuleKey(text, options_));
   const bool lostStar = CleanKey(key_);
-  const bool wildcard = lostStar || Contains(key_, "*");
+  *wildcard = lostStar || Contains(key_, "*");
+  return true;
+}
+
+void RuleParser::AddDomainRule(std::string_view text, bool adServer) {
+  bool wildcard = false;
+  if (!ParseKeyedRule(text, true, true, &wildcard)) return;
   if (adServer) {
     Emit(wildcard ? kAdServerWildcard : kAdServerExact, key_);
   } else {
@@ -210,20 +221,8 @@ void RuleParser::AddDomainRule(std::string_view text, bool adServer) {
 }
 
 void RuleParser::AddException(std::string_view text, bool hostAnchored, bool approved) {
-  options_.Reset();
-  options_.hostAnchored = hostAnchored;
-  const std::size_t dollar = text.find('$');
-  if (dollar != std::string_view::npos) {
-    // A type mask of 0 keeps the entry: it just never passes a type check.
-    ParseOptions(text.substr(dollar + 1), options_);
-    if (dollar > 0 && text[dollar - 1] == '|') options_.endAnchored = true;
-  } else if (!text.empty() && text.back() == '|') {
-    options_.endAnchored = true;
-  }
-  if (Contains(text, "^")) options_.hasSeparator = true;
-  key_.assign(SplitRuleKey(text, options_));
-  const bool lostStar = CleanKey(key_);
-  const bool wildcard = lostStar || Contains(key_, "*");
+  bool wildcard = false;
+  ParseKeyedRule(text, hostAnchored, false, &wildcard);
   if (approved) {
     Emit(wildcard ? kApprovedWildcard : kApprovedExact, key_);
   } else {

@@ -96,6 +96,8 @@ class RuleParser {
   void AddGenericRule(std::string_view line);
 
  private:
+  bool ParseKeyedRule(std::string_view text, bool hostAnchored, bool dropWithoutTypes,
+                      bool* wildcard);
   void Emit(TableId table, std::string_view key);
 
   Sink sink_;
