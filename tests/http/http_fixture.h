@@ -10,9 +10,8 @@
 
 #include "http/httprequest.h"
 #include "platform/platform.h"
-#include "resources/resources.h"
-#include "../support/raw_client.h"
-#include "../support/tempdir.h"
+#include "support/raw_client.h"
+#include "support/service_fixture.h"
 #include "vxproxy/proxy.h"
 
 // A request object that opens its members to the tests.
@@ -36,28 +35,11 @@ class TestRequest : public CHTTPRequest {
 
 inline std::string Text(const CBufStream& b) { return std::string(b.GetBuffer(), static_cast<std::size_t>(b.GetSize())); }
 
-// The module handle under which the tests register the replacement bodies.
-inline HMODULE TestModule() {
-  static char anchor;
-  return os::GetModuleHandleOf(&anchor);
-}
-
-class HttpTest : public ::testing::Test {
+class HttpTest : public ServiceFixture {
  protected:
   void SetUp() override {
-    proxy_ = GetProxy();
-    WriteTextFile(dir_ / "filters/filters.txt", "||ads.example.com^\n");
-    WriteTextFile(dir_ / "data/vexilo.ini", "[Vexilo]\nPort=0\n");
-    proxy_->SetDataFolder((dir_ / "data").c_str());
-    proxy_->SetLogFolder((dir_ / "logs").c_str());
-    proxy_->SetFilterFolder((dir_ / "filters").c_str());
-    proxy_->EnableFiltering(true);
-    proxy_->SetTraceMode(1);
-    const unsigned short none = 0;
-    proxy_->SetUpstreamProxy(CStringBuffer(""), &none);
+    ServiceFixture::SetUp();
     proxy_->Initialize();
-    RegisterReplacementResources(TestModule());
-    proxy_->SetInstanceHandle(TestModule());
     // The event lines of the HTTP layer are VERBOSE, which proxy.log drops
     // by default; the tests want to see them.
     if (CLog* log = proxy_->GetLog(kLogProxy)) log->SetLevelMask(-1);
@@ -67,6 +49,7 @@ class HttpTest : public ::testing::Test {
     // Requests hold the log sinks; they go before the logs do.
     request_.reset();
     proxy_->Uninitialize();
+    ServiceFixture::TearDown();
   }
 
   // A request on the server end of a fresh loopback pair; the test talks
@@ -79,12 +62,6 @@ class HttpTest : public ::testing::Test {
     return *request_;
   }
 
-  std::string ProxyLog() const { return ReadTextFile(dir_ / "logs/proxy.log"); }
-  std::string RequestLog() const { return ReadTextFile(dir_ / "logs/request.log"); }
-  std::string BlockedLog() const { return ReadTextFile(dir_ / "logs/blocked.log"); }
-
-  TempDir dir_;
-  CVxHTTPProxy* proxy_ = nullptr;
   std::unique_ptr<vxtest::SocketPair> pair_;
   std::unique_ptr<TestRequest> request_;
 };
