@@ -34,7 +34,7 @@ struct FilterRequestInfo {
   bool skipExceptionTypeCheck = false;  // set for the check of a redirect response
 };
 
-class CFilterEngine final {
+class CFilterEngine {
  public:
   CFilterEngine();
   ~CFilterEngine();  // not virtual: the host never deletes the engine

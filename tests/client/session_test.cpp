@@ -294,6 +294,72 @@ TEST_F(Session, ManyConcurrentConnections) {
   EXPECT_EQ(served.load(), kClients);
 }
 
+TEST_F(Session, EveryBlockNotifiesTheWaitingHostOncePerTarget) {
+  // The host's side: one thread waits on its own queue and on a window while
+  // workers block requests at request time and at response time.
+  constexpr int kClients = 4;
+  constexpr int kBlocksEach = 6;
+  constexpr UINT kThreadMessage = 0x8001;
+  constexpr UINT kWindowMessage = 0x8002;
+  HWND window = os::CreateWindowQueue();
+  std::atomic<DWORD> hostThread{0};
+  std::atomic<bool> stop{false};
+  std::atomic<int> threadCount{0};
+  std::atomic<int> windowCount{0};
+  std::atomic<int> wrongParameters{0};
+  std::thread host([&] {
+    os::CreateThreadQueue();
+    hostThread = os::GetCurrentThreadId();
+    MSG msg;
+    while (!stop) {
+      while (os::WaitMessage(nullptr, &msg, 10)) {
+        if (msg.message != kThreadMessage || msg.wParam != 1 || msg.lParam != 0) ++wrongParameters;
+        ++threadCount;
+      }
+      while (os::WaitMessage(window, &msg, 10)) {
+        if (msg.message != kWindowMessage || msg.wParam != 1 || msg.lParam != 0) ++wrongParameters;
+        ++windowCount;
+      }
+    }
+  });
+  ASSERT_TRUE(WaitUntil([&] { return hostThread != 0; }, kWaitMs));
+  proxy_->AddNotifyTarget(nullptr, hostThread, kThreadMessage, kEventRequestBlocked, true);
+  proxy_->AddNotifyTarget(window, 0, kWindowMessage, kEventRequestBlocked, true);
+
+  std::vector<std::thread> clients;
+  std::atomic<int> answered{0};
+  for (int c = 0; c < kClients; ++c) {
+    clients.emplace_back([&, c] {
+      RawClient client;
+      if (!Connect(client)) return;
+      for (int i = 0; i < kBlocksEach; ++i) {
+        // Every third block is decided on the response's type.
+        const std::string path = i % 3 == 2 ? "/banner/pic"
+                                            : "/banner/" + std::to_string(c) + "-" + std::to_string(i) + ".gif";
+        if (!client.Send(Get(path))) return;
+        if (client.ReceiveResponse(kWaitMs).empty()) return;
+        ++answered;
+        if (!client.Send(Get("/fine.html"))) return;  // passed requests notify nothing
+        if (client.ReceiveResponse(kWaitMs).empty()) return;
+      }
+    });
+  }
+  for (std::thread& t : clients) t.join();
+  EXPECT_EQ(answered.load(), kClients * kBlocksEach);
+  EXPECT_TRUE(WaitUntil([&] {
+    return threadCount == kClients * kBlocksEach && windowCount == kClients * kBlocksEach;
+  }, kWaitMs));
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));  // nothing more arrives
+  stop = true;
+  host.join();
+  proxy_->RemoveNotifyTarget(nullptr, hostThread, kThreadMessage);
+  proxy_->RemoveNotifyTarget(window, 0, kWindowMessage);
+  os::DestroyWindowQueue(window);
+  EXPECT_EQ(threadCount.load(), kClients * kBlocksEach);
+  EXPECT_EQ(windowCount.load(), kClients * kBlocksEach);
+  EXPECT_EQ(wrongParameters.load(), 0);
+}
+
 TEST_F(Session, StopEndsIdleAndBusyConnectionsPromptly) {
   RawClient idle;
   ASSERT_TRUE(Connect(idle));
