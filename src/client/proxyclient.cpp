@@ -6,6 +6,7 @@
 #include "client/proxymanager.h"
 #include "http/internal.h"
 #include "log/levels.h"
+#include "probe/headermanager.h"
 #include "vxproxy/proxy.h"
 
 namespace {
@@ -155,9 +156,13 @@ bool CProxyClient::HandleHttp() {
 }
 
 void CProxyClient::QueueProbe() {
-  // Size probing is not part of this build yet: without a probe worker the
-  // block is simply not measured.
-  if (proxy_->GetHeaderManager() == nullptr) return;
+  CHeaderManager* probes = proxy_->GetHeaderManager();
+  if (probes == nullptr) return;
+  // A Proxy-Destination names where the item really lives; an upstream proxy
+  // is found by the prober itself.
+  const bool destination = !useUpstreamProxy_ && proxyDestination_.GetSize() > 0;
+  probes->Enqueue(host_, urlPort_, path_, destination ? connectHost_ : CStringBuffer(""),
+                  destination ? connectPort_ : 0, headerLines_.GetBuffer());
 }
 
 bool CProxyClient::RelayRequest(const CStringBuffer& header) {

@@ -9,6 +9,7 @@
 #include "core/typewords.h"
 #include "log/levels.h"
 #include "platform/platform.h"
+#include "probe/headermanager.h"
 #include "vxproxy/files.h"
 
 namespace {
@@ -78,7 +79,7 @@ CVxHTTPProxy::CVxHTTPProxy()
       instance_(nullptr),
       traceMode_(1),
       clients_(CProxyManager::Instance()),
-      headerManager_(nullptr),
+      headerManager_(new (std::nothrow) CHeaderManager()),
       filteredRequests_(0),
       blockedImages_(0),
       blockedFlash_(0),
@@ -98,6 +99,7 @@ CVxHTTPProxy::~CVxHTTPProxy() {
   SOCKET s = listenSocket_.exchange(INVALID_SOCKET);
   if (s != INVALID_SOCKET) os::closesocket(s);
   filterEngine_.ClearRules();
+  delete headerManager_;  // its destructor stops a running worker first
   headerManager_ = nullptr;
   mimeTable_.clear();
   CleanupSockets();
@@ -216,6 +218,7 @@ bool CVxHTTPProxy::Start() {
   portText << port_;
   os::WritePrivateProfileStringA("Vexilo", "Port", portText, iniPath);
 
+  if (headerManager_ != nullptr) headerManager_->Start();
   settings_.Store(settings_.GetFileName());
   LogLine(kLevelInfo, "Proxy started on port ", port_);
   return CThreadEx::Start();
@@ -260,6 +263,7 @@ bool CVxHTTPProxy::Stop() {
   if (s != INVALID_SOCKET) os::closesocket(s);
   clients->StopAll();
   CloseStatistics();
+  if (headerManager_ != nullptr) headerManager_->Stop();
   LogTime(kLevelInfo, "Proxy Stopped @");
   Uninitialize();
   return CThreadEx::Stop();

@@ -33,6 +33,10 @@ int WSAGetLastError();
 
 SOCKET CreateTcpSocket();  // IPv4 stream socket, INVALID_SOCKET on failure
 int closesocket(SOCKET s);
+// Shuts a socket down in both directions but leaves the descriptor to its
+// owner, who still closes it: calls blocked on it in other threads return,
+// and a connect that has not started yet fails. 0 on success.
+int shutdown(SOCKET s);
 
 // Binds to INADDR_ANY and the port (host order). 0 on success.
 int BindAny(SOCKET s, std::uint16_t port);
@@ -91,6 +95,9 @@ vxtime64_t Time64();
 // The C library's local-time text of t ("Wed Jan 02 02:03:55 1980\n"); empty
 // when the library refuses the value.
 std::string CTime(vxtime64_t t);
+
+// Whether the process's standard output is a terminal (not a pipe or file).
+bool StdoutIsTerminal();
 
 // Writes the text to the debugger. Here: to stderr, and only when the
 // environment variable VXPROXY_DEBUG is set.

@@ -7,6 +7,7 @@
 // wakes select, recv, accept and a pending connect) and the descriptor itself
 // is closed by whoever leaves it last.
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -20,6 +21,7 @@
 #include <cstring>
 #include <mutex>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "platform/platform.h"
 
@@ -45,6 +47,9 @@ struct SocketUse {
 
 std::mutex g_useLock;
 std::unordered_map<int, SocketUse> g_uses;
+// Descriptors shut down by shutdown() and not closed yet; a connect on one of
+// them fails instead of starting.
+std::unordered_set<int> g_shut;
 
 int ToFd(SOCKET s) {
   if (s == INVALID_SOCKET || s > static_cast<SOCKET>(INT_MAX)) return -1;
@@ -139,8 +144,9 @@ int closesocket(SOCKET s) {
   if (fd < 0) return Fail(EBADF);
   std::lock_guard<std::mutex> guard(g_useLock);
   auto it = g_uses.find(fd);
+  if (it != g_uses.end() && it->second.closing) return Fail(EBADF);
+  g_shut.erase(fd);
   if (it != g_uses.end()) {
-    if (it->second.closing) return Fail(EBADF);
     // Calls are still running on it: wake them and let the last one close.
     it->second.closing = true;
     ::shutdown(fd, SHUT_RDWR);
@@ -150,6 +156,18 @@ int closesocket(SOCKET s) {
   // the check above and the close.
   ::shutdown(fd, SHUT_RDWR);
   if (::close(fd) != 0) return FailWithErrno();
+  return 0;
+}
+
+int shutdown(SOCKET s) {
+  const int fd = ToFd(s);
+  if (fd < 0) return Fail(EBADF);
+  std::lock_guard<std::mutex> guard(g_useLock);
+  auto it = g_uses.find(fd);
+  if (it != g_uses.end() && it->second.closing) return Fail(EBADF);
+  g_shut.insert(fd);
+  // A socket that is not connected yet reports ENOTCONN; the mark covers it.
+  ::shutdown(fd, SHUT_RDWR);
   return 0;
 }
 
@@ -225,23 +243,46 @@ int getpeername(SOCKET s, std::uint32_t* address, std::uint16_t* port) {
   return 0;
 }
 
+namespace {
+
+bool IsShut(int fd) {
+  std::lock_guard<std::mutex> guard(g_useLock);
+  return g_shut.count(fd) != 0;
+}
+
+// Waits for a connect in progress; 0 or the error it ended with.
+int WaitForConnect(int fd) {
+  // Checked after the connect began: a shutdown from now on reaches the
+  // pending connection and wakes the poll, an earlier one is seen here.
+  if (IsShut(fd)) return ECONNABORTED;
+  pollfd entry{fd, POLLOUT, 0};
+  while (::poll(&entry, 1, -1) < 0) {
+    if (errno != EINTR) return errno;
+  }
+  int error = 0;
+  socklen_t length = sizeof(error);
+  ::getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length);
+  if (error == 0 && IsShut(fd)) error = ECONNABORTED;
+  return error;
+}
+
+}  // namespace
+
 int connect(SOCKET s, std::uint32_t address, std::uint16_t port) {
   SocketCall call(s);
   if (call.fd() < 0) return Fail(EBADF);
   sockaddr_in target;
   ToSockaddr(address, port, &target);
-  if (::connect(call.fd(), reinterpret_cast<const sockaddr*>(&target), sizeof(target)) == 0) {
-    return 0;
-  }
-  if (errno != EINTR) return FailWithErrno();
-  // Interrupted: the connection goes on in the background; wait for its end.
-  pollfd entry{call.fd(), POLLOUT, 0};
-  while (::poll(&entry, 1, -1) < 0) {
-    if (errno != EINTR) return FailWithErrno();
-  }
+  // Started without blocking so that a shutdown from another thread cannot
+  // slip in between the start of the connect and the wait for it.
+  const int flags = ::fcntl(call.fd(), F_GETFL);
+  ::fcntl(call.fd(), F_SETFL, flags | O_NONBLOCK);
   int error = 0;
-  socklen_t length = sizeof(error);
-  ::getsockopt(call.fd(), SOL_SOCKET, SO_ERROR, &error, &length);
+  if (::connect(call.fd(), reinterpret_cast<const sockaddr*>(&target), sizeof(target)) != 0) {
+    error = errno;
+    if (error == EINPROGRESS || error == EINTR) error = WaitForConnect(call.fd());
+  }
+  ::fcntl(call.fd(), F_SETFL, flags);
   return error == 0 ? 0 : Fail(error);
 }
 
