@@ -94,22 +94,6 @@ TEST(GlobalCounter, SaveMergesWithTheFileAndAddsMissingElements) {
   EXPECT_EQ(Read(counter), (Totals{101, 0, 0, 0, 0}));
 }
 
-TEST(GlobalCounter, RequestsOfAFileWithoutGlobalWaitForTheNextSave) {
-  TempDir dir;
-  const std::string path = dir / "sitecounter.xml";
-  CGlobalCounter counter(UniqueSemaphore().c_str());
-  ASSERT_TRUE(counter.Open(path.c_str()));
-  counter.AddRequests(3);
-  counter.IncHistory();
-  counter.Save();
-  EXPECT_EQ(FileValue(path, "History"), 1);
-  EXPECT_EQ(FileValue(path, "RequestHistory"), 0);
-  EXPECT_EQ(counter.GetRequestHistory(), 3u);
-  counter.Save();
-  EXPECT_EQ(FileValue(path, "RequestHistory"), 3);
-  EXPECT_EQ(counter.GetRequestHistory(), 3u);
-}
-
 TEST(GlobalCounter, SemaphoreTimeOutKeepsIncrementsPending) {
   TempDir dir;
   const std::string path = dir / "sitecounter.xml";

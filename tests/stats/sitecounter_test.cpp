@@ -118,15 +118,6 @@ TEST_F(SiteCounterFiles, SwitchedOffStoresAtOnceThenCountsOnlyGlobally) {
   EXPECT_EQ(FileValue(sites_, "Sites/b.example/Counter"), -1);
 }
 
-TEST_F(SiteCounterFiles, SiteFileThatCannotBeWrittenLeavesCountingOff) {
-  TestSiteCounter counter;
-  EXPECT_FALSE(counter.Open((dir_ / "missing\\siteinfo.log").c_str()));
-  EXPECT_FALSE(counter.IsLoaded());
-  counter.AddSite("a.example");
-  EXPECT_EQ(counter.GetHistory(), 1u);
-  EXPECT_EQ(counter.GetSitesCounter(), 0u);
-}
-
 TEST_F(SiteCounterFiles, ConcurrentWorkersCountExactlyWhileSavesRun) {
   constexpr int kWorkers = 6;
   constexpr int kRounds = 300;
@@ -169,7 +160,9 @@ TEST_F(SiteCounterFiles, ConcurrentWorkersCountExactlyWhileSavesRun) {
     EXPECT_EQ(counter.GetHistory(), kAll);
     EXPECT_EQ(counter.GetRequestHistory(), kAll);
     std::uint64_t total = 0;
-    for (const auto& [site, count] : Sites(counter, &total)) EXPECT_EQ(count, std::to_string(kAll / 3)) << site;
+    for (const auto& [site, count] : Sites(counter, &total)) {
+      EXPECT_EQ(count, std::to_string(kAll / 3)) << site;
+    }
     EXPECT_EQ(total, kAll);
     counter.SetLoaded(false);
   }
