@@ -9,6 +9,7 @@
 #include <atomic>
 #include <csignal>
 #include <cstdio>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -16,6 +17,7 @@
 #include "check.h"
 #include "stats.h"
 #include "platform/platform.h"
+#include "vxproxy/files.h"
 #include "vxproxy/vxproxy.h"
 
 namespace {
@@ -43,6 +45,66 @@ std::string ModulePath() {
     path.erase(path.find_last_of('/') + 1);
   }
   return path + "libvxproxy.so";
+}
+
+// "12.3 KiB" and the like.
+std::string HumanBytes(std::uint64_t bytes) {
+  static const char* const kUnits[] = {"B", "KiB", "MiB", "GiB", "TiB"};
+  double value = static_cast<double>(bytes);
+  int unit = 0;
+  while (value >= 1024 && unit < 4) {
+    value /= 1024;
+    ++unit;
+  }
+  char text[32];
+  std::snprintf(text, sizeof text, unit == 0 ? "%.0f %s" : "%.1f %s", value, kUnits[unit]);
+  return text;
+}
+
+// The host's own message for "a request was blocked".
+constexpr UINT kBlockedMessage = 0x8000 + 1;
+constexpr int kStatusRefreshMs = 500;
+
+// Runs until SIGINT or SIGTERM. The blocked count comes from the service's
+// notifications to this thread, the rest from the counters; on a terminal one
+// status line is kept current, elsewhere nothing is printed.
+void ServeUntilStopped(CVxHTTPProxy* proxy) {
+  os::CreateThreadQueue();
+  const DWORD self = os::GetCurrentThreadId();
+  proxy->AddNotifyTarget(nullptr, self, kBlockedMessage, kEventRequestBlocked, true);
+  const bool terminal = os::StdoutIsTerminal();
+  CSiteCounter* statistics = proxy->GetSiteCounter();
+  std::uint64_t sent = 0, received = 0, savedAtStart = 0;
+  statistics->GetBytes(&sent, &received, &savedAtStart);
+  const std::uint64_t requestsAtStart = statistics->GetRequestHistory();
+  unsigned long blocked = 0;
+  DWORD lastShown = os::GetTickCount() - kStatusRefreshMs;
+  std::size_t shownWidth = 0;
+  std::string shown;
+  while (!g_stopRequested) {
+    MSG msg;
+    if (os::WaitMessage(nullptr, &msg, 100) && msg.message == kBlockedMessage) ++blocked;
+    if (!terminal || os::GetTickCount() - lastShown < kStatusRefreshMs) continue;
+    lastShown = os::GetTickCount();
+    std::uint64_t saved = 0;
+    statistics->GetBytes(&sent, &received, &saved);
+    // Connections add their requests when they end, GETs are counted as they
+    // are judged: the larger of the two is the better current figure.
+    const std::uint64_t ended = statistics->GetRequestHistory() - requestsAtStart;
+    const std::uint64_t judged = static_cast<std::uint64_t>(proxy->GetFilteredRequests());
+    char line[160];
+    std::snprintf(line, sizeof line, "requests %llu  blocked %lu  saved %s  connections %d",
+                  static_cast<unsigned long long>(ended > judged ? ended : judged), blocked,
+                  HumanBytes(saved - savedAtStart).c_str(), proxy->GetActiveClientCount());
+    if (shown == line) continue;
+    const std::size_t width = std::strlen(line);
+    std::printf("\r%s%*s", line, static_cast<int>(shownWidth > width ? shownWidth - width : 0), "");
+    shownWidth = width;
+    shown = line;
+    std::fflush(stdout);
+  }
+  if (terminal && shownWidth > 0) std::printf("\n");
+  proxy->RemoveNotifyTarget(nullptr, self, kBlockedMessage);
 }
 
 struct RunOptions {
@@ -107,6 +169,12 @@ int Run(const RunOptions& options) {
         ? 80 : static_cast<unsigned short>(std::atoi(options.upstream.c_str() + colon + 1));
     proxy->SetUpstreamProxy(host, &port);
   }
+  // Statistics are opened before the logs create their folder: make both
+  // folders first, or a first run would count no sites.
+  for (const std::string* folder : {&options.data, &options.logs, &options.filters}) {
+    CFileStream::CreatePath(folder->c_str(), false);
+  }
+  SeedStatStartTime(options.data);
   proxy->EnableFiltering(options.filtering);
   if (options.trace) proxy->SetTraceMode(2);
 
@@ -129,7 +197,7 @@ int Run(const RunOptions& options) {
 
   std::signal(SIGINT, OnStopSignal);
   std::signal(SIGTERM, OnStopSignal);
-  while (!g_stopRequested) os::Sleep(100);
+  ServeUntilStopped(proxy);
   proxy->Stop();
   return 0;
 }

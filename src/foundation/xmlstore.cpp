@@ -45,6 +45,21 @@ pugi::xml_node FirstChildElement(pugi::xml_node parent, const char* name, std::s
   return pugi::xml_node();
 }
 
+// Whether the text can be an element name that parses back. Elements are
+// never created under other names: one such element (a site named by its
+// address, "127.0.0.1") would make the whole stored file unreadable.
+bool IsElementName(const char* name, std::size_t len) {
+  const auto isStart = [](unsigned char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_' || c == ':' || c >= 0x80;
+  };
+  if (len == 0 || !isStart(static_cast<unsigned char>(name[0]))) return false;
+  for (std::size_t i = 1; i < len; ++i) {
+    const unsigned char c = static_cast<unsigned char>(name[i]);
+    if (!isStart(c) && !(c >= '0' && c <= '9') && c != '-' && c != '.') return false;
+  }
+  return true;
+}
+
 // Calls step(name, length) for each name of the path; "" and "." are skipped.
 template <typename Step>
 bool ForEachName(const char* path, Step step) {
@@ -87,6 +102,7 @@ pugi::xml_node Walk(pugi::xml_node base, const char* path, bool create, bool alw
       if (!create || (node.type() == pugi::node_document && node.find_child(IsElement))) {
         return false;
       }
+      if (!IsElementName(name, len)) return false;
       next = node.append_child(std::string(name, len).c_str());
       if (!next) return false;
       if (created != nullptr) *created = true;

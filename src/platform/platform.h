@@ -96,6 +96,9 @@ vxtime64_t Time64();
 // when the library refuses the value.
 std::string CTime(vxtime64_t t);
 
+// Whether the process's standard output is a terminal (not a pipe or file).
+bool StdoutIsTerminal();
+
 // Writes the text to the debugger. Here: to stderr, and only when the
 // environment variable VXPROXY_DEBUG is set.
 void OutputDebugStringA(const char* text);

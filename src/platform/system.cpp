@@ -98,6 +98,8 @@ std::string CTime(vxtime64_t t) {
   return text;
 }
 
+bool StdoutIsTerminal() { return ::isatty(STDOUT_FILENO) == 1; }
+
 void OutputDebugStringA(const char* text) {
   if (text == nullptr || std::getenv("VXPROXY_DEBUG") == nullptr) return;
   std::fputs(text, stderr);

@@ -250,6 +250,23 @@ TEST(XmlStoreWrite, ValuesNumbersTextAndSiblingsLandWhereAsked) {
                "<List><Item>a</Item><Item>b</Item></List></Vexilo>");
 }
 
+TEST(XmlStoreWrite, NamesThatCannotParseBackAreNeverCreated) {
+  CSecureXMLParser doc;
+  ASSERT_TRUE(doc.Parse("<Vexilo/>"));
+  for (const char* path : {"Sites/127.0.0.1/Counter", "Sites/1rx.io/Counter", "Sites/a b/Counter",
+                           "Sites/-x/Counter", "Sites/a<b/Counter"}) {
+    bool created = false;
+    EXPECT_FALSE(doc.CreateNode(path, created, false).IsFound()) << path;
+    EXPECT_FALSE(doc.SetValue(path, 1)) << path;
+  }
+  EXPECT_TRUE(doc.CreateNode("Sites/ads.example-1.com/Counter", false).IsFound());
+  EXPECT_TRUE(doc.CreateNode("Sites/_x:y\xC3\xA9/Counter", false).IsFound());
+  CStringBuffer text;
+  doc.GetDocument(text);
+  CSecureXMLParser again;
+  EXPECT_TRUE(again.Parse(text.GetBuffer())) << text.GetBuffer();
+}
+
 TEST(XmlStoreWrite, CopiesOwnTheirDocument) {
   CSecureXMLParser doc;
   ASSERT_TRUE(doc.Parse("<Vexilo><A>1</A></Vexilo>"));

@@ -89,6 +89,10 @@ std::string ChildProcess::ReadLine(int timeoutMs) {
   }
 }
 
+void ChildProcess::Interrupt() {
+  if (pid_ > 0 && status_ < 0) ::kill(pid_, SIGINT);
+}
+
 void ChildProcess::Kill() {
   if (pid_ > 0 && status_ < 0) ::kill(pid_, SIGKILL);
 }

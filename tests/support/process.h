@@ -28,6 +28,9 @@ class ChildProcess {
   // whole line arrives within the time-out or the child closed its output.
   std::string ReadLine(int timeoutMs);
 
+  // Asks the child to stop, as Ctrl-C does (SIGINT).
+  void Interrupt();
+
   // Ends the child at once with SIGKILL; it gets no chance to clean up.
   void Kill();
 
