@@ -1,0 +1,99 @@
+// The host program as a user runs it: "vxproxy run" in its own process serves
+// a browsing session, stops on Ctrl-C, and "vxproxy stats" then shows what
+// was counted.
+#include <gtest/gtest.h>
+
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <string>
+#include <thread>
+
+#include "support/origin_server.h"
+#include "support/process.h"
+#include "support/raw_client.h"
+#include "support/tempdir.h"
+
+using vxtest::OriginReply;
+using vxtest::OriginRequest;
+
+namespace {
+
+constexpr int kWaitMs = 10000;
+
+std::string RunCommand(const std::string& command, int* status) {
+  std::string output;
+  FILE* pipe = popen(command.c_str(), "r");
+  if (pipe == nullptr) return output;
+  std::array<char, 512> chunk;
+  while (fgets(chunk.data(), chunk.size(), pipe) != nullptr) output += chunk.data();
+  *status = pclose(pipe);
+  return output;
+}
+
+int CountHeads(const vxtest::OriginServer& origin) {
+  int heads = 0;
+  for (const OriginRequest& r : origin.Requests()) heads += r.method == "HEAD";
+  return heads;
+}
+
+}  // namespace
+
+TEST(HostProgram, RunCountsABrowsingSessionAndStatsShowsIt) {
+  TempDir dir;
+  WriteTextFile(dir / "data/filters.txt", "/banner/\n");
+  WriteTextFile(dir / "data/vexilo.ini", "[Vexilo]\nPort=0\n");
+  vxtest::OriginServer origin([](const OriginRequest& r) {
+    if (r.method == "HEAD") {
+      const char* size = r.target == "/banner/a.gif" ? "1000" : "500";
+      return OriginReply{std::string("HTTP/1.1 200 OK\r\nContent-Length: ") + size + "\r\n\r\n", true};
+    }
+    return OriginReply::Counted("hello");
+  });
+
+  vxtest::ChildProcess host;
+  const std::string program = std::string(VX_BINARY_DIR) + "/vxproxy";
+  ASSERT_TRUE(host.Start(program, {"run", "--data", (dir / "data"), "--logs",
+                                   (dir / "logs")}));
+  const std::string listening = host.ReadLine(kWaitMs);
+  const std::string prefix = "vxproxy: listening on 127.0.0.1:";
+  ASSERT_EQ(listening.rfind(prefix, 0), 0u) << listening;
+  const unsigned short port = static_cast<unsigned short>(std::stoi(listening.substr(prefix.size())));
+
+  // Sites are counted by host name; an address could not name an element.
+  const std::string origin_host = "localhost:" + std::to_string(origin.Port());
+  {
+    vxtest::RawClient browser;
+    ASSERT_TRUE(browser.Connect(port));
+    for (const char* path : {"/banner/a.gif", "/page.html", "/banner/b.gif", "/banner/a.gif"}) {
+      ASSERT_TRUE(browser.Send(std::string("GET http://") + origin_host + path +
+                               " HTTP/1.1\r\nHost: " + origin_host + "\r\n\r\n"));
+      ASSERT_FALSE(browser.ReceiveResponse(kWaitMs).empty()) << path;
+    }
+  }
+  // Two probes (a.gif once: its second block waits in the queue or hits the cache).
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kWaitMs);
+  while (CountHeads(origin) < 2 && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  ASSERT_EQ(CountHeads(origin), 2);
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));  // the sizes are added
+
+  host.Interrupt();
+  ASSERT_EQ(host.Wait(kWaitMs), 0);
+
+  int status = -1;
+  const std::string json = RunCommand(program + " stats --json --data " + (dir / "data") +
+                                          " --logs " + (dir / "logs"),
+                                      &status);
+  EXPECT_EQ(status, 0) << json;
+  EXPECT_NE(json.find("\"requests\":4,\"blocked\":3,"), std::string::npos) << json;
+  EXPECT_NE(json.find("\"adSize\":2500,"), std::string::npos) << json;
+  EXPECT_NE(json.find("\"sites\":[{\"site\":\"localhost\",\"count\":3}]"), std::string::npos) << json;
+  EXPECT_EQ(json.find("\"startTime\":0,"), std::string::npos) << json;
+
+  const std::string text = RunCommand(program + " stats --data " + (dir / "data") +
+                                          " --logs " + (dir / "logs"),
+                                      &status);
+  EXPECT_NE(text.find("2.4 KiB"), std::string::npos) << text;
+}
