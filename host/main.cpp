@@ -64,6 +64,7 @@ std::string HumanBytes(std::uint64_t bytes) {
 // The host's own message for "a request was blocked".
 constexpr UINT kBlockedMessage = 0x8000 + 1;
 constexpr int kStatusRefreshMs = 500;
+constexpr DWORD kStatusTickMs = 100;
 
 // Runs until SIGINT or SIGTERM. The blocked count comes from the service's
 // notifications to this thread, the rest from the counters; on a terminal one
@@ -82,8 +83,13 @@ void ServeUntilStopped(CVxHTTPProxy* proxy) {
   std::size_t shownWidth = 0;
   std::string shown;
   while (!g_stopRequested) {
+    // Drained every tick instead of waited on: a waiting thread would be woken
+    // by every single block, which costs the workers that post.
+    os::Sleep(kStatusTickMs);
     MSG msg;
-    if (os::WaitMessage(nullptr, &msg, 100) && msg.message == kBlockedMessage) ++blocked;
+    while (os::WaitMessage(nullptr, &msg, 0)) {
+      if (msg.message == kBlockedMessage) ++blocked;
+    }
     if (!terminal || os::GetTickCount() - lastShown < kStatusRefreshMs) continue;
     lastShown = os::GetTickCount();
     std::uint64_t saved = 0;

@@ -61,7 +61,11 @@ CAdToFetch::CAdToFetch(std::string request, std::string key)
 CAdToFetch::~CAdToFetch() = default;
 
 CHeaderManager::CHeaderManager()
-    : wakeUp_(0, 1), stop_(false), probeSocket_(INVALID_SOCKET), clock_(&os::Time64) {}
+    : wakeUp_(0, 1),
+      stop_(false),
+      serving_(false),
+      probeSocket_(INVALID_SOCKET),
+      clock_(&os::Time64) {}
 
 CHeaderManager::~CHeaderManager() {
   Stop();
@@ -95,6 +99,7 @@ void CHeaderManager::Enqueue(CStringBuffer host, unsigned short port, CStringBuf
   key.reserve(static_cast<std::size_t>(host.GetSize() + path.GetSize()));
   key.append(host.GetBuffer(), static_cast<std::size_t>(host.GetSize()));
   key.append(path.GetBuffer(), static_cast<std::size_t>(path.GetSize()));
+  if (CountCached(key)) return;
 
   CAutoSync guard(queueLock_);
   auto found = pending_.find(key);
@@ -143,6 +148,22 @@ void CHeaderManager::Enqueue(CStringBuffer host, unsigned short port, CStringBuf
   wakeUp_.Signal();
 }
 
+bool CHeaderManager::CountCached(const std::string& key) {
+  // The result equals queueing the block and probing it from the cache, without
+  // the hand-over to the worker that would otherwise follow every block.
+  if (!serving_) return false;
+  int size = 0;
+  {
+    std::lock_guard<std::mutex> guard(cacheLock_);
+    auto cached = sizeCache_.find(key);
+    if (cached == sizeCache_.end() || cached->second == nullptr) return false;
+    cached->second->lastUsed = Now();
+    size = cached->second->size;
+  }
+  if (size > 0) GetProxy()->GetSiteCounter()->AddAdSize(static_cast<std::uint64_t>(size));
+  return true;
+}
+
 CAdToFetch* CHeaderManager::PeekPending(std::string& key) {
   CAutoSync guard(queueLock_, kQueueLockWaitMs);
   // A queue held that long by enqueuers: try again on the next turn.
@@ -168,6 +189,7 @@ void CHeaderManager::ClearAll() {
     for (auto& [key, item] : pending_) delete item;
     pending_.clear();
   }
+  std::lock_guard<std::mutex> guard(cacheLock_);
   for (auto& [key, record] : sizeCache_) delete record;
   sizeCache_.clear();
 }
@@ -177,6 +199,7 @@ void CHeaderManager::ClearAll() {
 DWORD CHeaderManager::Run() {
   CVxHTTPProxy* proxy = GetProxy();
   ClearAll();
+  serving_ = true;
   vxtime64_t lastSweep = Now();
   proxy->LogLine(kLevelDebug, "Starting Header Manager @", Now());
   while (!stop_) {
@@ -200,6 +223,7 @@ DWORD CHeaderManager::Run() {
     if (bytes > 0) proxy->GetSiteCounter()->AddAdSize(static_cast<std::uint64_t>(bytes));
     delete item;
   }
+  serving_ = false;
   proxy->LogLine(kLevelDebug, "Cleaning up pending requests in Header Manager ");
   ClearAll();
   proxy->LogLine(kLevelDebug, "Stopped Header Manager @", Now());
@@ -207,10 +231,13 @@ DWORD CHeaderManager::Run() {
 }
 
 int CHeaderManager::Probe(const std::string& key, CAdToFetch* item) {
-  auto cached = sizeCache_.find(key);
-  if (cached != sizeCache_.end() && cached->second != nullptr) {
-    cached->second->lastUsed = Now();
-    return cached->second->size;
+  {
+    std::lock_guard<std::mutex> guard(cacheLock_);
+    auto cached = sizeCache_.find(key);
+    if (cached != sizeCache_.end() && cached->second != nullptr) {
+      cached->second->lastUsed = Now();
+      return cached->second->size;
+    }
   }
   const SOCKET s = ConnectProbe(item);
   if (s == INVALID_SOCKET) return 0;
@@ -266,12 +293,14 @@ SOCKET CHeaderManager::TakeProbeSocket() {
 
 void CHeaderManager::RememberSize(const std::string& key, int size) {
   const vxtime64_t now = Now();
+  std::lock_guard<std::mutex> guard(cacheLock_);
   SizeRecord*& record = sizeCache_[key];
   delete record;
   record = new (std::nothrow) SizeRecord{now, now, size};
 }
 
 void CHeaderManager::SweepSizeCache() {
+  std::lock_guard<std::mutex> guard(cacheLock_);
   if (sizeCache_.size() <= kSweepThreshold) return;
   const vxtime64_t now = Now();
   std::vector<std::string> stale;

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <map>
+#include <mutex>
 #include <string>
 
 #include "vxproxy/stringbuffer.h"
@@ -68,17 +69,23 @@ class CHeaderManager : public CThreadEx {
   void SweepSizeCache();
   void ClearAll();
 
+  // Guards the size cache: the worker fills and sweeps it, sessions read it
+  // so that a known size is counted without waking the worker.
+  std::mutex cacheLock_;
   std::map<std::string, SizeRecord*> sizeCache_;
 
  private:
   // Takes the probe socket back from the slot RequestStop reaches; the caller
   // then owns and closes it.
   SOCKET TakeProbeSocket();
+  // Counts a block whose size is cached at once; false when it must be queued.
+  bool CountCached(const std::string& key);
 
   std::map<std::string, CAdToFetch*> pending_;
   CCriticalSectionEx queueLock_;
   CLock wakeUp_;
   std::atomic<bool> stop_;
+  std::atomic<bool> serving_;  // the worker is between its start and end clean-ups
   // The probe in progress. The worker owns the descriptor and closes it;
   // RequestStop only shuts it down, under socketLock_, so a stop can never
   // reach a descriptor that was closed and reused.
