@@ -1,11 +1,15 @@
 #!/usr/bin/env bash
 # Builds everything and runs the whole suite twice (a normal build and an
 # AddressSanitizer + UndefinedBehaviorSanitizer build), then the threaded
-# suites under ThreadSanitizer. Installs missing packages first.
+# suites under ThreadSanitizer. Installs missing packages first. Before any
+# build, every public header must compile on its own here and for Windows.
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
-"$root/scripts/deps.sh" chromium
+"$root/scripts/deps.sh" chromium g++-mingw-w64-x86-64-posix
 jobs="$(nproc)"
+
+echo "== public headers"
+"$root/scripts/headers.sh"
 
 run_suite() {
   local flavour="$1"; shift

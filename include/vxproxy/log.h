@@ -2,7 +2,7 @@
 // registry of sinks by number, and the memory logs that build one line at a
 // time and hand it to a sink in one locked write.
 //
-// A line reads:  memlog << CLogManip(4) << "text" << value << lend;
+// A line reads:  memlog << CLogManip(kLevelInfo) << "text" << value << lend;
 //
 // Hosts reach CLog and CMemLogEx objects through the service object. The
 // order of their virtual operations is part of the host interface, and the
@@ -18,8 +18,17 @@
 #include "vxproxy/threads.h"
 #include "vxproxy/types.h"
 
-// One log file. Levels are bit values; a line passes when level is 0 or
-// every bit of it is in the level mask.
+// Log levels are bit values and a mask is an OR of them; a line passes when
+// its level is kLevelCritical or every bit of it is in the log's mask.
+constexpr int kLevelCritical = 0;
+constexpr int kLevelError = 1;
+constexpr int kLevelWarning = 2;
+constexpr int kLevelInfo = 4;
+constexpr int kLevelDebug = 8;
+constexpr int kLevelVerbose = 16;
+constexpr int kLevelHead = 32;
+
+// One log file.
 class CLog {
  public:
   // A null path gives a log that is never open and drops every write.
@@ -105,7 +114,7 @@ class CLogManager {
 // A level carried into a stream expression.
 class VX_EXPORT CLogManip {
  public:
-  CLogManip(int level);  // NOLINT: used as CLogManip(4) and as a plain level
+  CLogManip(int level);  // NOLINT: used as CLogManip(kLevelInfo) and as a plain level
   CLogManip& operator=(const CLogManip& other);
   CLogManip(const CLogManip& other) = default;
   int GetLevel() const { return level_; }

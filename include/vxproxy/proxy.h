@@ -21,10 +21,10 @@ class CProxyManager;
 
 // One registration of a window or thread that wants to hear of events.
 struct NotifyTarget {
-  UINT messageId;
-  HWND window;
-  DWORD threadId;
-  DWORD eventMask;
+  vx::UINT messageId;
+  vx::HWND window;
+  vx::DWORD threadId;
+  vx::DWORD eventMask;
   bool enabled;
 };
 
@@ -44,7 +44,7 @@ class CVxHTTPProxy : public CThreadEx {
   bool Stop() override;                                            // 2
   using CThreadEx::Stop;
   bool Start() override;                                           // 4
-  DWORD Run() override;                                            // 6: accept loop
+  vx::DWORD Run() override;                                            // 6: accept loop
   virtual bool Initialize();                                       // 7
   virtual void Uninitialize();                                     // 8
   virtual CMemLogEx* GetMemLog();                                  // 9
@@ -59,8 +59,8 @@ class CVxHTTPProxy : public CThreadEx {
   virtual void LoadPort();                                         // 18
   virtual void SetUpstreamProxy(const CStringBuffer& host, const unsigned short* port);  // 19
   virtual CStringBuffer* GetUpstreamProxy(unsigned short* port);   // 20
-  virtual HMODULE SetInstanceHandle(HMODULE instance);             // 21
-  virtual HMODULE GetInstanceHandle();                             // 22
+  virtual vx::HMODULE SetInstanceHandle(vx::HMODULE instance);             // 21
+  virtual vx::HMODULE GetInstanceHandle();                             // 22
   virtual void Reserved23();                                       // 23: unused slot, kept for the layout
   virtual CSiteCounter* GetSiteCounter();                          // 24
   virtual void SetDataFolder(const char* folder);                  // 25
@@ -74,9 +74,9 @@ class CVxHTTPProxy : public CThreadEx {
   virtual void ReleaseDocuments();                                 // 33
   virtual void OpenStatistics();                                   // 34
   virtual std::int64_t CloseStatistics();                          // 35
-  virtual NotifyTarget* AddNotifyTarget(HWND window, DWORD threadId, UINT messageId,
-                                        DWORD eventMask, bool enabled);  // 36
-  virtual void RemoveNotifyTarget(HWND window, DWORD threadId, UINT messageId);  // 37
+  virtual NotifyTarget* AddNotifyTarget(vx::HWND window, vx::DWORD threadId, vx::UINT messageId,
+                                        vx::DWORD eventMask, bool enabled);  // 36
+  virtual void RemoveNotifyTarget(vx::HWND window, vx::DWORD threadId, vx::UINT messageId);  // 37
   virtual int GetTraceMode();                                      // 38
   virtual int SetTraceMode(int mode);                              // 39
   virtual bool LoadFilterLists();                                  // 40
@@ -119,7 +119,7 @@ class CVxHTTPProxy : public CThreadEx {
   void OpenLogs();
   void LogTime(int level, const char* text);
 
-  std::atomic<SOCKET> listenSocket_;  // read by the accept loop on every pass
+  std::atomic<vx::SOCKET> listenSocket_;  // read by the accept loop on every pass
   std::map<std::string, std::string> mimeTable_;
   std::map<std::string, std::string> typeWordTable_;
   CLog ownLog_;
@@ -127,7 +127,7 @@ class CVxHTTPProxy : public CThreadEx {
   std::atomic<bool> filteringEnabled_;  // may change while workers read it
   CStringBuffer upstreamHost_;
   unsigned short upstreamPort_;
-  HMODULE instance_;
+  vx::HMODULE instance_;
   std::atomic<int> traceMode_;
   CProxyManager* clients_;
   CHeaderManager* headerManager_;

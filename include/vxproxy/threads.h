@@ -28,7 +28,7 @@ class VX_EXPORT CThreadEx {
   virtual bool Stop(unsigned long timeout); // slot 3
   virtual bool Start();                     // slot 4
   virtual void Kill();                      // slot 5
-  virtual DWORD Run() = 0;                  // slot 6: the thread body
+  virtual vx::DWORD Run() = 0;              // slot 6: the thread body
 
   // Destroys a worker. A worker whose thread was killed while its body still
   // runs is not freed here: its own thread frees it when the body returns, so

@@ -1,10 +1,34 @@
 // Basic types shared by the module, its utility library and its hosts.
-// They mirror the handle and integer types of the original Windows build so
-// that the code above the platform layer reads the same on every system.
+//
+// They carry the names of the Windows handle and integer types, but live in
+// namespace vx so that a Windows host can include these headers after
+// <winsock2.h> and <windows.h>. There they are the system's own types, so an
+// operation taking a vx::DWORD takes a DWORD and a window is an HWND; on other
+// systems they stand in for them with types of the same width.
 #pragma once
 
 #include <cstdint>
 
+#if defined(_WIN32)
+#include <winsock2.h>
+#include <windows.h>
+#endif
+
+namespace vx {
+
+#if defined(_WIN32)
+using ::BOOL;
+using ::BYTE;
+using ::DWORD;
+using ::HINSTANCE;
+using ::HMODULE;
+using ::HWND;
+using ::LPARAM;
+using ::SOCKET;
+using ::UINT;
+using ::WORD;
+using ::WPARAM;
+#else
 using BYTE = std::uint8_t;
 using WORD = std::uint16_t;
 using DWORD = std::uint32_t;
@@ -19,10 +43,16 @@ using HWND = void*;
 using HMODULE = void*;
 using HINSTANCE = HMODULE;
 
-// A socket handle. INVALID_SOCKET has all bits set, as on Winsock.
+// A socket handle, as wide as a pointer like Winsock's.
 using SOCKET = std::uintptr_t;
-constexpr SOCKET INVALID_SOCKET = ~static_cast<SOCKET>(0);
-constexpr int SOCKET_ERROR = -1;
+#endif
+
+// The invalid socket has all bits set and failed socket calls return -1, as
+// on Winsock.
+constexpr SOCKET kInvalidSocket = ~static_cast<SOCKET>(0);
+constexpr int kSocketError = -1;
+
+}  // namespace vx
 
 // Calendar times in seconds since 1970. The 64-bit form is the C library's
 // time value; the 32-bit form is a distinct type so that stream operators can

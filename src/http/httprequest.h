@@ -9,9 +9,9 @@
 #include <map>
 #include <string>
 
+#include "platform/winnames.h"
 #include "vxproxy/log.h"
 #include "vxproxy/stringbuffer.h"
-#include "vxproxy/types.h"
 
 class CProxyManager;
 class CVxHTTPProxy;

@@ -1,10 +1,7 @@
-// Log levels: bit values; a mask is an OR of them. Level 0 passes every mask.
+// The log levels are part of the host interface (vxproxy/log.h); the module's
+// files that write lines include this header for them and for the short type
+// names.
 #pragma once
 
-constexpr int kLevelCritical = 0;
-constexpr int kLevelError = 1;
-constexpr int kLevelWarning = 2;
-constexpr int kLevelInfo = 4;
-constexpr int kLevelDebug = 8;
-constexpr int kLevelVerbose = 16;
-constexpr int kLevelHead = 32;
+#include "platform/winnames.h"
+#include "vxproxy/log.h"

@@ -14,7 +14,7 @@
 #include <mutex>
 #include <unordered_map>
 
-#include "vxproxy/messages.h"
+#include "platform/winnames.h"
 
 namespace os {
 namespace {

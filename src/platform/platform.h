@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/winnames.h"
 #include "vxproxy/messages.h"
 #include "vxproxy/types.h"
 

@@ -8,9 +8,9 @@
 #include <mutex>
 #include <string>
 
+#include "platform/winnames.h"
 #include "vxproxy/stringbuffer.h"
 #include "vxproxy/threads.h"
-#include "vxproxy/types.h"
 
 // One queued probe. Only count changes once it is queued (under the queue lock).
 class CAdToFetch {

@@ -38,7 +38,7 @@ void DriveService(CVxHTTPProxy* proxy, const std::string& folder) {
   Check(Same(proxy->GetFilterFolder(), folder.c_str()), "GetFilterFolder");
   Check(Same(proxy->GetHostFolder(), folder.c_str()), "GetHostFolder");
 
-  HMODULE instance = proxy->GetInstanceHandle();
+  vx::HMODULE instance = proxy->GetInstanceHandle();
   Check(instance != nullptr && proxy->SetInstanceHandle(instance) == instance, "InstanceHandle");
   Check(!proxy->EnableFiltering(false) && !proxy->IsFilteringEnabled(), "EnableFiltering off");
   Check(proxy->EnableFiltering(true) && proxy->IsFilteringEnabled(), "EnableFiltering on");

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "../support/process.h"
+#include "platform/winnames.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <future>
 #include <thread>
 
-#include "vxproxy/messages.h"
+#include "platform/winnames.h"
 
 namespace {
 

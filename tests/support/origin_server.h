@@ -24,7 +24,7 @@
 #include <thread>
 #include <vector>
 
-#include "vxproxy/types.h"
+#include "platform/winnames.h"
 
 namespace vxtest {
 
