@@ -1,40 +1,13 @@
 #include "client/proxyclient.h"
 
-#include <cstdlib>
-#include <cstring>
-
 #include "client/proxymanager.h"
+#include "http/chunkparser.h"
 #include "http/internal.h"
+#include "http/urlparser.h"
 #include "log/levels.h"
 #include "probe/headermanager.h"
+#include "vxproxy/filterengine.h"
 #include "vxproxy/proxy.h"
-
-namespace {
-
-constexpr int kDefaultHttpPort = 80;
-constexpr int kDefaultHttpsPort = 443;
-// Limits of the chunked relay: a chunk size must fit a signed 32-bit count,
-// and a size or trailer line longer than this is not waited for.
-constexpr long long kMaxChunkBytes = 0x7FFFFFFF - 2;
-constexpr int kMaxChunkLineBytes = 65536;
-
-// Length of the first line of the buffer including its CRLF; 0 when the
-// buffer holds no complete line yet.
-int LineSize(const CBufStream& buffer) {
-  const char* start = buffer.GetBuffer();
-  const int size = buffer.GetSize();
-  for (int i = 0; i + 1 < size; ++i) {
-    if (start[i] == '\r' && start[i + 1] == '\n') return i + 2;
-  }
-  return 0;
-}
-
-// ":port" for an absolute URL, left out for the scheme's usual port and for 0.
-void AppendPort(CStringBuffer& out, unsigned short port, int usualPort) {
-  if (port != 0 && port != usualPort) out << ":" << port;
-}
-
-}  // namespace
 
 const CProxyClient::HandlerRow CProxyClient::kHandlers[3] = {
     {kSchemeHttp, &CProxyClient::HandleHttp},
@@ -82,10 +55,10 @@ void CProxyClient::RunSession() {
     bytesFromClient_ = 0;
     bytesFromUpstream_ = 0;
     deferredCheck_ = false;
-    verdict_ = 100;
+    verdict_ = VerdictNoMatch;
     eventLog_ << CLogManip(kLevelDebug) << connectionTag_.GetBuffer()
               << "Reading HTTP Header from Client side.." << lend;
-    if (ReadHeader(clientSocket_, true) != 0) break;
+    if (ReadHeader(clientSocket_, true) != kReadHeaderOk) break;
     ++served;
 
     Handler handler = &CProxyClient::HandleUnknown;
@@ -125,10 +98,10 @@ bool CProxyClient::HandleHttp() {
     QueueProbe();
     eventLog_ << CLogManip(kLevelVerbose) << connectionTag_.GetBuffer() << "Blocked: <->"
               << host_.GetBuffer() << path_.GetBuffer() << lend;
-    if (DiscardBody(clientSocket_) == -1) return false;
+    if (DiscardBody(clientSocket_) == kIoError) return false;
     CStringBuffer reply;
     if (!CHTTPInternal::BuildReplacementResponse(nullptr, typeWord_, reply)) return false;
-    if (SendAll(clientSocket_, reply, reply.GetSize()) < 1) return false;
+    if (SendAll(clientSocket_, reply, reply.GetSize()) == kIoError) return false;
     CloseUpstream();  // a connection kept from an earlier request is of no use now
     return true;
   }
@@ -141,7 +114,7 @@ bool CProxyClient::HandleHttp() {
     // Only a request sent on to another proxy carries the absolute URL.
     if (useUpstreamProxy_) {
       header << scheme_.GetBuffer() << "://" << host_.GetBuffer();
-      AppendPort(header, urlPort_, kDefaultHttpPort);
+      AppendPort(header, urlPort_);
     }
     header << requestTarget_.GetBuffer() << " " << version_.GetBuffer() << "\r\n"
            << otherHeaderLines_.GetBuffer();
@@ -175,7 +148,7 @@ bool CProxyClient::RelayRequest(const CStringBuffer& header) {
       CloseUpstream();
       continue;
     }
-    if (SendAll(upstreamSocket_, header, header.GetSize()) == -1) {
+    if (SendAll(upstreamSocket_, header, header.GetSize()) == kIoError) {
       CloseUpstream();
       continue;
     }
@@ -190,11 +163,11 @@ bool CProxyClient::RelayRequest(const CStringBuffer& header) {
                 << "Request has Chunked data " << lend;
       ok = RelayChunked(clientSocket_, upstreamSocket_, &retry);
     } else {
-      ok = ForwardBody(clientSocket_, upstreamSocket_, contentLength_, &retry) != -1;
+      ok = ForwardBody(clientSocket_, upstreamSocket_, contentLength_, &retry) != kIoError;
     }
     retry.AddString(receiveBuffer_.GetBuffer(), receiveBuffer_.GetSize());
 
-    if (!ok || ReadHeader(upstreamSocket_, false) != 0) {
+    if (!ok || ReadHeader(upstreamSocket_, false) != kReadHeaderOk) {
       CloseUpstream();
       // A chunked body cannot be sent again: it was not kept whole.
       if (chunkedFlag_) break;
@@ -221,25 +194,25 @@ bool CProxyClient::RelayResponse() {
       verdict_ = proxy_->GetFilterEngine()->CheckRequest(
           host_.GetBuffer(), requestTarget_.GetBuffer(), typeWord_.GetBuffer(), headerMap_,
           redirect);
-      if (verdict_ != 100 && verdict_ != 200) {
+      if (verdict_ != VerdictNoMatch && verdict_ != VerdictAllowed) {
         proxy_->GetSiteCounter()->AddAdSize(
             static_cast<std::uint64_t>(static_cast<std::int64_t>(contentLength_)));
         CStringBuffer site(host_);
-        AppendPort(site, urlPort_, kDefaultHttpPort);
+        AppendPort(site, urlPort_);
         site.ToLower();
         RecordBlocked(site);
         CStringBuffer reply;
         if (!CHTTPInternal::BuildReplacementResponse(nullptr, typeWord_, reply)) return false;
-        if (SendAll(clientSocket_, reply, reply.GetSize()) < 1) return false;
+        if (SendAll(clientSocket_, reply, reply.GetSize()) == kIoError) return false;
         CloseUpstream();  // the blocked body is never read
         return true;
       }
     }
   }
 
-  verdict_ = 100;
-  if (SendAll(clientSocket_, startLine_, startLine_.GetSize()) == -1) return false;
-  if (SendAll(clientSocket_, headerLines_, headerLines_.GetSize()) == -1) return false;
+  verdict_ = VerdictNoMatch;
+  if (SendAll(clientSocket_, startLine_, startLine_.GetSize()) == kIoError) return false;
+  if (SendAll(clientSocket_, headerLines_, headerLines_.GetSize()) == kIoError) return false;
 
   if (chunkedFlag_) {
     eventLog_ << CLogManip(kLevelVerbose) << connectionTag_.GetBuffer()
@@ -258,7 +231,8 @@ bool CProxyClient::RelayResponse() {
                 << headerLines_.GetBuffer() << lend;
     }
   }
-  if (contentLength_ != 0 && ForwardBody(upstreamSocket_, clientSocket_, contentLength_, nullptr) == -1) {
+  if (contentLength_ != 0 &&
+      ForwardBody(upstreamSocket_, clientSocket_, contentLength_, nullptr) == kIoError) {
     return false;
   }
   if (untilClose || closeFlag_) CloseUpstream();
@@ -266,44 +240,40 @@ bool CProxyClient::RelayResponse() {
 }
 
 bool CProxyClient::RelayChunked(SOCKET source, SOCKET destination, CBufStream* copy) {
-  bool ended = false;
+  CChunkFraming framing;
   for (;;) {
-    const int lineSize = LineSize(receiveBuffer_);
-    if (lineSize == 0) {
-      // A size or trailer line that never ends is not a chunked body.
-      if (receiveBuffer_.GetSize() > kMaxChunkLineBytes) return false;
-      if (ReceiveMore(source) > 0) continue;
-      return false;
+    const CChunkFraming::Step step =
+        framing.Next(receiveBuffer_.GetBuffer(), receiveBuffer_.GetSize());
+    if (step.forward > 0) {
+      if (SendAll(destination, receiveBuffer_.GetBuffer(), step.forward) == kIoError) return false;
+      if (copy != nullptr) copy->AddString(receiveBuffer_.GetBuffer(), step.forward);
+      receiveBuffer_.Consume(step.forward);
     }
-    const char* line = receiveBuffer_.GetBuffer();
-    if (SendAll(destination, line, lineSize) <= 0) return false;
-    if (copy != nullptr) copy->AddString(line, lineSize);
-    const bool emptyLine = lineSize == 2;
-    // Read up to the first character that is no hex digit, so a chunk
-    // extension after ";" is ignored.
-    const long long size = std::strtoll(line, nullptr, 16);
-    receiveBuffer_.Consume(lineSize);
-    if (emptyLine) return true;
-    if (ended) continue;  // a trailer line after the last chunk
-
-    if (size <= 0) {
+    if (step.event == CChunkFraming::Event::kLastChunk) {
       eventLog_ << CLogManip(kLevelVerbose) << connectionTag_.GetBuffer()
                 << "Detected end of chunked Data" << lend;
-      ended = true;
-      continue;
+    } else if (step.event == CChunkFraming::Event::kChunk) {
+      eventLog_ << CLogManip(kLevelVerbose) << connectionTag_.GetBuffer()
+                << "Processing Chunked data of size " << step.chunkSize << lend;
     }
-    if (size > kMaxChunkBytes) return false;
-    eventLog_ << CLogManip(kLevelVerbose) << connectionTag_.GetBuffer()
-              << "Processing Chunked data of size " << static_cast<int>(size) << lend;
-    int need = static_cast<int>(size) + 2;  // the data and its closing CRLF
-    const int buffered = need < receiveBuffer_.GetSize() ? need : receiveBuffer_.GetSize();
-    if (buffered > 0) {
-      if (SendAll(destination, receiveBuffer_.GetBuffer(), buffered) < buffered) return false;
-      if (copy != nullptr) copy->AddString(receiveBuffer_.GetBuffer(), buffered);
-      receiveBuffer_.Consume(buffered);
+    switch (framing.GetState()) {
+      case CChunkFraming::State::kDone:
+        return true;
+      case CChunkFraming::State::kError:
+        return false;
+      case CChunkFraming::State::kData:
+        // The rest of the chunk streams past the buffer, never held whole.
+        if (receiveBuffer_.GetSize() == 0) {
+          const int need = framing.DataRemaining();
+          if (RelayBytes(source, destination, need, copy) == kIoError) return false;
+          framing.DataRelayed(need);
+        }
+        break;
+      case CChunkFraming::State::kSizeLine:
+      case CChunkFraming::State::kTrailer:
+        if (step.needMore && ReceiveMore(source) <= 0) return false;
+        break;
     }
-    need -= buffered;
-    if (need > 0 && RelayBytes(source, destination, need, copy) <= 0) return false;
   }
 }
 
@@ -316,14 +286,14 @@ bool CProxyClient::HandleConnect() {
   if (!ConnectUpstream()) return false;
   if (!useUpstreamProxy_) {
     static const char kEstablished[] = "HTTP/1.0 200 Vexilo Established Connection\r\n\r\n";
-    if (SendAll(clientSocket_, kEstablished, sizeof kEstablished - 1) < 1) return false;
+    if (SendAll(clientSocket_, kEstablished, sizeof kEstablished - 1) == kIoError) return false;
   } else {
     CStringBuffer header;
     header << method_.GetBuffer() << " " << scheme_.GetBuffer() << "://" << host_.GetBuffer();
-    AppendPort(header, urlPort_, kDefaultHttpsPort);
+    AppendPort(header, urlPort_, kHttpsPort);
     header << requestTarget_.GetBuffer() << " " << version_.GetBuffer() << "\r\n"
            << otherHeaderLines_.GetBuffer() << "\r\n";
-    if (SendAll(upstreamSocket_, header, header.GetSize()) < 1) return false;
+    if (SendAll(upstreamSocket_, header, header.GetSize()) == kIoError) return false;
   }
   Tunnel(clientSocket_, upstreamSocket_);
   return false;

@@ -4,14 +4,13 @@
 #include <cstring>
 
 #include "client/proxymanager.h"
+#include "http/urlparser.h"
 #include "log/levels.h"
 #include "platform/platform.h"
+#include "vxproxy/filterengine.h"
 #include "vxproxy/proxy.h"
 
 namespace {
-
-constexpr int kVerdictNoRule = 100;
-constexpr int kVerdictAllowed = 200;
 
 // "a.b.c.d:port" of one end of a connection.
 CStringBuffer EndpointText(std::uint32_t address, std::uint16_t port) {
@@ -24,7 +23,7 @@ CStringBuffer EndpointText(std::uint32_t address, std::uint16_t port) {
 
 CHTTPRequest::CHTTPRequest(SOCKET client)
     : statusCode_(200),
-      urlPort_(80),
+      urlPort_(kHttpPort),
       connectPort_(0),
       keptPort_(0),
       contentLength_(0),
@@ -41,7 +40,7 @@ CHTTPRequest::CHTTPRequest(SOCKET client)
       eventLog_(GetProxy()->GetLog(kLogProxy)),
       proxy_(GetProxy()),
       deferredCheck_(false),
-      verdict_(kVerdictNoRule) {
+      verdict_(VerdictNoMatch) {
   std::uint32_t address = 0;
   std::uint16_t port = 0;
   os::getpeername(client, &address, &port);
@@ -60,7 +59,7 @@ bool CHTTPRequest::IsInternal() { return false; }
 bool CHTTPRequest::Evaluate() {
   if (!ShouldPass()) {
     CStringBuffer site(host_);
-    if (urlPort_ != 0 && urlPort_ != 80) site << ":" << urlPort_;
+    AppendPort(site, urlPort_);
     site.ToLower();
     RecordBlocked(site);
     return false;
@@ -74,7 +73,7 @@ bool CHTTPRequest::ShouldPass() {
   if (!proxy_->IsFilteringEnabled()) return true;
   if (method_ != "GET") return true;
   deferredCheck_ = false;
-  verdict_ = kVerdictNoRule;
+  verdict_ = VerdictNoMatch;
   proxy_->CountFilteredRequest();
   // Only kinds we have a harmless replacement for are judged now; the rest
   // are judged on the type the server names in its response.
@@ -84,7 +83,7 @@ bool CHTTPRequest::ShouldPass() {
   }
   verdict_ = proxy_->GetFilterEngine()->CheckRequest(host_.GetBuffer(), requestTarget_.GetBuffer(),
                                                      typeWord_.GetBuffer(), headerMap_, false);
-  return verdict_ == kVerdictNoRule || verdict_ == kVerdictAllowed;
+  return verdict_ == VerdictNoMatch || verdict_ == VerdictAllowed;
 }
 
 void CHTTPRequest::RecordBlocked(const char* site) {

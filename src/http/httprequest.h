@@ -9,6 +9,7 @@
 #include <map>
 #include <string>
 
+#include "http/headerparser.h"
 #include "platform/winnames.h"
 #include "vxproxy/log.h"
 #include "vxproxy/stringbuffer.h"
@@ -21,9 +22,22 @@ constexpr int kHeaderRecvBytes = 1024;      // stack buffer of header and chunk 
 constexpr int kRelayRecvBytes = 4096;       // stack buffer of relays and the tunnel
 constexpr int kWaitSliceMs = 5000;          // longest single select of a wait
 constexpr int kUnknownBodyLength = 0x7FFFFFFF;  // "read until the server closes"
-// A header that has not ended after this many bytes is not a header we serve;
-// without a cap one peer could grow the receive buffer without bound.
-constexpr int kMaxHeaderBytes = 65536;
+
+// Results of ReadHeader.
+constexpr int kReadHeaderOk = 0;
+constexpr int kReadHeaderWaitFailed = 1;  // a wait failed or timed out
+constexpr int kReadHeaderClosed = 2;      // peer closed, recv failed or header too large
+
+// Results of the socket operations besides a byte count (0 or more).
+constexpr int kIoError = -1;
+constexpr int kIoTimeout = -2;
+// Results of the waits besides kIoError and kIoTimeout.
+constexpr int kFirstReady = 1;
+constexpr int kSecondReady = 2;
+constexpr bool IsReady(int waitResult) { return waitResult >= kFirstReady; }
+
+// The trace mode in which every header read is copied to the request trace.
+constexpr int kTraceHeaders = 2;
 
 // Waits of a session. The defaults are the ones the proxy runs with; a test
 // may shorten them to keep its run time down.
@@ -40,9 +54,7 @@ class CHTTPRequest {
  public:
   explicit CHTTPRequest(SOCKET client);
 
-  // Reads one message header from the socket. 0 = read and parsed; 1 = a wait
-  // failed or timed out; 2 = the peer closed, recv failed or the header grew
-  // beyond kMaxHeaderBytes.
+  // Reads one message header from the socket: one of the kReadHeader results.
   virtual int ReadHeader(SOCKET socket, bool isRequest);   // slot 0
   virtual ~CHTTPRequest();                                 // slot 1
   // True when the current request may pass; false when it was blocked (the
@@ -54,11 +66,15 @@ class CHTTPRequest {
   CHTTPRequest& operator=(const CHTTPRequest&) = delete;
 
   // ------------------------------------------------ socket primitives --
-  // Results: a byte count, -1 on failure, -2 on time-out. A destination of
+  // Results: a byte count, kIoError or kIoTimeout. A destination of
   // INVALID_SOCKET drops the bytes (a copy buffer still receives them).
+  //
+  // The length, or kIoError when a send failed (what went before stays sent);
+  // callers test for kIoError only. Nothing to send (length 0 or less) sends
+  // nothing and is no failure: 0.
   int SendAll(SOCKET socket, const char* data, int length);
-  // 1 = first socket readable, 2 = second (the first wins a tie), -1 select
-  // error, -2 time-out or no valid socket.
+  // kFirstReady, kSecondReady (the first wins a tie), kIoError on a select
+  // error, kIoTimeout on time-out or without a valid socket. Test with IsReady.
   int WaitForData(SOCKET first, SOCKET second, int timeoutMs);
   int WaitForSocket(SOCKET socket, int seconds);
   int WaitForEither(SOCKET first, SOCKET second, int seconds);
@@ -95,23 +111,8 @@ class CHTTPRequest {
   // Tests only: shorter waits.
   void SetWaits(const HttpWaits& waits) { waits_ = waits; }
 
-  // Header field handlers: each gets the whole line and the table's field
-  // name and says whether the line is kept for forwarding.
-  using FieldHandler = bool (CHTTPRequest::*)(CStringBuffer& line, const char* name);
-  struct FieldHandlerRow {
-    const char* name;
-    FieldHandler handler;
-  };
-  static const FieldHandlerRow kFieldHandlers[8];
-
-  bool OnContentLength(CStringBuffer& line, const char* name);
-  bool OnTransferEncoding(CStringBuffer& line, const char* name);
-  bool OnConnection(CStringBuffer& line, const char* name);
-  bool OnProxyConnection(CStringBuffer& line, const char* name);
-  bool OnProxyAuthorization(CStringBuffer& line, const char* name);
-  bool OnContentType(CStringBuffer& line, const char* name);
-  bool OnReferer(CStringBuffer& line, const char* name);
-  bool OnProxyDestination(CStringBuffer& line, const char* name);
+  // Takes what a scan learnt from the start line, as soon as it is found.
+  void ApplyStartLine(const CHeaderScanner& scanner, StartLineNote note, bool isRequest);
 
   // The members, in the order the session's model lists them.
   CStringBuffer keptHost_;            // host of the open upstream connection

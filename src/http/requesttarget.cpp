@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "http/httprequest.h"
+#include "http/urlparser.h"
 #include "log/levels.h"
 #include "platform/platform.h"
 #include "vxproxy/proxy.h"
@@ -88,7 +89,7 @@ void CHTTPRequest::ParseRequestTarget(const CStringBuffer& startLine) {
 void CHTTPRequest::SplitHostPort() {
   const char* colon = host_.FindChar(':');
   if (colon == nullptr) {
-    urlPort_ = 80;
+    urlPort_ = kHttpPort;
     return;
   }
   urlPort_ = PortNumber(colon + 1);
@@ -98,7 +99,7 @@ void CHTTPRequest::SplitHostPort() {
 unsigned short CHTTPRequest::SplitHostPort(const char* hostPort, CStringBuffer& host) {
   host = hostPort;
   const char* colon = host.FindChar(':');
-  if (colon == nullptr) return 80;
+  if (colon == nullptr) return kHttpPort;
   const unsigned short port = PortNumber(colon + 1);
   host.BreakAt(host.OffsetOf(colon));
   return port;

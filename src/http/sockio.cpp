@@ -1,6 +1,6 @@
 // Blocking socket work of a session: sending, waiting with time-outs,
 // receiving, relaying bodies, tunnelling and closing. Everything runs on the
-// session's own thread; failures come back as -1 (error) or -2 (time-out).
+// session's own thread; failures come back as kIoError or kIoTimeout.
 #include <algorithm>
 
 #include "http/httprequest.h"
@@ -15,7 +15,7 @@ int CHTTPRequest::SendAll(SOCKET socket, const char* data, int length) {
     if (sent == SOCKET_ERROR) {
       eventLog_ << CLogManip(kLevelVerbose) << connectionTag_ << "Send failed "
                 << os::WSAGetLastError() << lend;
-      return -1;
+      return kIoError;
     }
     total += sent;
   }
@@ -24,7 +24,7 @@ int CHTTPRequest::SendAll(SOCKET socket, const char* data, int length) {
 
 int CHTTPRequest::WaitForData(SOCKET first, SOCKET second, int timeoutMs) {
   const int valid = (first != INVALID_SOCKET ? 1 : 0) + (second != INVALID_SOCKET ? 1 : 0);
-  if (valid == 0) return -2;
+  if (valid == 0) return kIoTimeout;
 
   if (timeoutMs > 0) {
     const int wholeSeconds = timeoutMs / 1000;
@@ -39,20 +39,20 @@ int CHTTPRequest::WaitForData(SOCKET first, SOCKET second, int timeoutMs) {
       if (ready < 0) {
         eventLog_ << CLogManip(kLevelVerbose) << connectionTag_ << "Select failed  "
                   << os::WSAGetLastError() << lend;
-        return -1;
+        return kIoError;
       }
-      if ((ready & 1) != 0) return 1;
-      if ((ready & 2) != 0) return 2;
+      if ((ready & 1) != 0) return kFirstReady;
+      if ((ready & 2) != 0) return kSecondReady;
       fraction = 0;
     } while (remaining > 0);
   }
   eventLog_ << CLogManip(kLevelVerbose) << connectionTag_ << "Socket wait exceede the limit "
             << timeoutMs << " MS" << lend;
-  return -2;
+  return kIoTimeout;
 }
 
 int CHTTPRequest::WaitForSocket(SOCKET socket, int seconds) {
-  if (seconds < 1) return -2;
+  if (seconds < 1) return kIoTimeout;
   return WaitForData(socket, INVALID_SOCKET, seconds * 1000);
 }
 
@@ -71,16 +71,16 @@ int CHTTPRequest::CountReceived(SOCKET socket, int received) {
 }
 
 int CHTTPRequest::ReceiveMore(SOCKET socket) {
-  if (WaitForSocket(socket, waits_.receiveMoreSec) < 1) return -1;
+  if (!IsReady(WaitForSocket(socket, waits_.receiveMoreSec))) return kIoError;
   char buffer[kHeaderRecvBytes];
   const int n = CountReceived(socket, os::recv(socket, buffer, sizeof buffer, 0));
-  if (n < 0) return -1;
+  if (n < 0) return kIoError;
   receiveBuffer_.AddString(buffer, n);
   return n;
 }
 
 // One step of a relay: receives at most want bytes from the source and hands
-// them on. The received count, or -1 when the source closed or failed (a
+// them on. The received count, or kIoError when the source closed or failed (a
 // close before the expected end is a failure too, but only an error is worth
 // a line) or the destination could not take them.
 int CHTTPRequest::RelayStep(SOCKET source, SOCKET destination, int want, CBufStream* copy) {
@@ -92,10 +92,10 @@ int CHTTPRequest::RelayStep(SOCKET source, SOCKET destination, int want, CBufStr
       eventLog_ << CLogManip(kLevelVerbose) << connectionTag_ << "Recv failed "
                 << os::WSAGetLastError() << lend;
     }
-    return -1;
+    return kIoError;
   }
   if (copy != nullptr) copy->AddString(buffer, n);
-  if (destination != INVALID_SOCKET && SendAll(destination, buffer, n) <= 0) return -1;
+  if (destination != INVALID_SOCKET && SendAll(destination, buffer, n) == kIoError) return kIoError;
   return n;
 }
 
@@ -103,9 +103,9 @@ int CHTTPRequest::RelayBytes(SOCKET source, SOCKET destination, int count, CBufS
   if (count <= 0) return 0;
   int total = 0;
   while (total < count) {
-    if (WaitForSocket(source, waits_.relaySec) < 1) return -1;
+    if (!IsReady(WaitForSocket(source, waits_.relaySec))) return kIoError;
     const int n = RelayStep(source, destination, count - total, copy);
-    if (n < 0) return -1;
+    if (n == kIoError) return kIoError;
     total += n;
   }
   return total;
@@ -116,8 +116,8 @@ int CHTTPRequest::RelayWatched(SOCKET source, SOCKET destination, int limit, CBu
   int total = 0;
   while (total < limit) {
     const int ready = WaitForEither(source, destination, waits_.relaySec);
-    if (ready < 1) return -1;
-    if (ready == 2) {
+    if (!IsReady(ready)) return kIoError;
+    if (ready == kSecondReady) {
       // The browser spoke (its next request) or hung up: an unframed body
       // cannot be told apart from the next response, so the server side is
       // given up.
@@ -125,7 +125,7 @@ int CHTTPRequest::RelayWatched(SOCKET source, SOCKET destination, int limit, CBu
       return total;
     }
     const int n = RelayStep(source, destination, limit - total, copy);
-    if (n < 0) return -1;
+    if (n == kIoError) return kIoError;
     total += n;
   }
   return total;
@@ -135,10 +135,11 @@ int CHTTPRequest::ForwardBody(SOCKET source, SOCKET destination, int length, CBu
   int pre = 0;
   if (receiveBuffer_.GetSize() > 0) {
     if (destination != INVALID_SOCKET &&
-        SendAll(destination, receiveBuffer_.GetBuffer(), receiveBuffer_.GetSize()) == -1) {
+        SendAll(destination, receiveBuffer_.GetBuffer(), receiveBuffer_.GetSize()) ==
+            kIoError) {
       eventLog_ << CLogManip(kLevelVerbose) << connectionTag_ << "Failed to push Data to the socket "
                 << os::WSAGetLastError() << lend;
-      return -1;
+      return kIoError;
     }
     pre = receiveBuffer_.GetSize();
     if (copy != nullptr) copy->AddString(receiveBuffer_.GetBuffer(), pre);
@@ -147,7 +148,7 @@ int CHTTPRequest::ForwardBody(SOCKET source, SOCKET destination, int length, CBu
   const int result = length == kUnknownBodyLength
                          ? RelayWatched(source, destination, kUnknownBodyLength - pre, copy)
                          : RelayBytes(source, destination, length - pre, copy);
-  return result == -1 ? -1 : result + pre;
+  return result == kIoError ? kIoError : result + pre;
 }
 
 int CHTTPRequest::DiscardBody(SOCKET source) {
@@ -156,24 +157,24 @@ int CHTTPRequest::DiscardBody(SOCKET source) {
 
 int CHTTPRequest::Tunnel(SOCKET first, SOCKET second) {
   char buffer[kRelayRecvBytes];
-  int ready = WaitForEither(first, second, waits_.relaySec);
-  if (ready < 1) return -1;
-  while (ready > 0) {
-    const SOCKET from = ready == 2 ? second : first;
-    const SOCKET to = ready == 2 ? first : second;
+  // The tunnel ends on the first idle period, error or close on either side.
+  for (int ready = WaitForEither(first, second, waits_.relaySec); IsReady(ready);
+       ready = WaitForEither(first, second, waits_.relaySec)) {
+    const SOCKET from = ready == kSecondReady ? second : first;
+    const SOCKET to = ready == kSecondReady ? first : second;
     const int n = CountReceived(from, os::recv(from, buffer, sizeof buffer, 0));
     if (n < 1) break;
-    if (SendAll(to, buffer, n) < 1) break;
-    ready = WaitForEither(first, second, waits_.relaySec);
+    if (SendAll(to, buffer, n) == kIoError) break;
   }
-  return -1;
+  return kIoError;
 }
 
 bool CHTTPRequest::IsUpstreamAlive() {
   const SOCKET upstream = upstreamSocket_;
   if (upstream == INVALID_SOCKET) return false;
   const int ready = WaitForData(upstream, INVALID_SOCKET, waits_.livenessMs);
-  if (ready < 1) return ready == -2;
+  // Quiet for the whole wait: alive.
+  if (!IsReady(ready)) return ready == kIoTimeout;
   // Readable: either the server closed (recv sees 0) or sent something we
   // leave queued for the next read.
   char byte = 0;

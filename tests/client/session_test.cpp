@@ -200,11 +200,17 @@ TEST_F(Session, UnframedResponseGivesWayToTheBrowsersNextRequest) {
 }
 
 TEST_F(Session, ChunkedResponsePassesUnchanged) {
+  proxy_->GetLog(kLogProxy)->SetLevelMask(-1);  // the relay's lines are VERBOSE
   RawClient client;
   ASSERT_TRUE(Connect(client));
   ASSERT_TRUE(client.Send(Get("/chunked")));
   const std::string reply = client.ReceiveResponse(kWaitMs);
   EXPECT_EQ(Body(reply), "5\r\nhello\r\n6\r\n world\r\n0\r\nX-T: 1\r\n\r\n");
+  const std::string log = ProxyLog();
+  const std::size_t five = log.find("    Processing Chunked data of size 5\r\n");
+  const std::size_t six = log.find("    Processing Chunked data of size 6\r\n");
+  const std::size_t end = log.find("    Detected end of chunked Data\r\n");
+  EXPECT_TRUE(five < six && six < end && end != std::string::npos) << log;
   ASSERT_TRUE(client.Send(Get("/after.html")));
   EXPECT_EQ(Body(client.ReceiveResponse(kWaitMs)), "hello");
 }

@@ -14,23 +14,27 @@
 #include "support/service_fixture.h"
 #include "vxproxy/proxy.h"
 
-// A request object that opens its members to the tests.
+// A request object that opens to the tests the members their I/O and
+// driver checks look at; parsing itself is tested on the parsers.
 class TestRequest : public CHTTPRequest {
  public:
   explicit TestRequest(SOCKET client) : CHTTPRequest(client) {}
 
-  using CHTTPRequest::SetWaits, CHTTPRequest::keptHost_, CHTTPRequest::connectHost_,
-      CHTTPRequest::connectionTag_, CHTTPRequest::headerLines_, CHTTPRequest::rawHeader_,
-      CHTTPRequest::receiveBuffer_, CHTTPRequest::otherHeaderLines_, CHTTPRequest::scheme_,
-      CHTTPRequest::path_, CHTTPRequest::typeWord_, CHTTPRequest::host_, CHTTPRequest::method_,
-      CHTTPRequest::refererHost_, CHTTPRequest::requestTarget_, CHTTPRequest::version_,
-      CHTTPRequest::startLine_, CHTTPRequest::requestLine_, CHTTPRequest::proxyDestination_,
-      CHTTPRequest::proxyConnectionLine_, CHTTPRequest::localAddress_,
-      CHTTPRequest::responseTypeWord_, CHTTPRequest::statusCode_, CHTTPRequest::urlPort_,
-      CHTTPRequest::connectPort_, CHTTPRequest::contentLength_, CHTTPRequest::closeFlag_,
-      CHTTPRequest::chunkedFlag_, CHTTPRequest::clientSocket_, CHTTPRequest::upstreamSocket_,
-      CHTTPRequest::bytesFromClient_, CHTTPRequest::bytesFromUpstream_, CHTTPRequest::headerMap_,
-      CHTTPRequest::deferredCheck_, CHTTPRequest::verdict_;
+  // Connections and what was received on them.
+  using CHTTPRequest::SetWaits, CHTTPRequest::clientSocket_, CHTTPRequest::upstreamSocket_,
+      CHTTPRequest::receiveBuffer_, CHTTPRequest::bytesFromClient_,
+      CHTTPRequest::bytesFromUpstream_, CHTTPRequest::localAddress_, CHTTPRequest::keptHost_,
+      CHTTPRequest::connectHost_, CHTTPRequest::connectPort_;
+  // The message read last, as the session uses it.
+  using CHTTPRequest::rawHeader_, CHTTPRequest::startLine_, CHTTPRequest::requestLine_,
+      CHTTPRequest::headerLines_, CHTTPRequest::otherHeaderLines_, CHTTPRequest::statusCode_,
+      CHTTPRequest::contentLength_, CHTTPRequest::closeFlag_, CHTTPRequest::headerMap_,
+      CHTTPRequest::refererHost_, CHTTPRequest::proxyDestination_,
+      CHTTPRequest::proxyConnectionLine_, CHTTPRequest::responseTypeWord_;
+  // The request target and the verdict on it.
+  using CHTTPRequest::method_, CHTTPRequest::scheme_, CHTTPRequest::host_, CHTTPRequest::urlPort_,
+      CHTTPRequest::requestTarget_, CHTTPRequest::path_, CHTTPRequest::version_,
+      CHTTPRequest::typeWord_, CHTTPRequest::deferredCheck_, CHTTPRequest::verdict_;
 };
 
 inline std::string Text(const CBufStream& b) { return std::string(b.GetBuffer(), static_cast<std::size_t>(b.GetSize())); }

@@ -109,7 +109,7 @@ TEST_F(UpstreamConnect, SameHostAndPortReuseTheConnection) {
   ASSERT_TRUE(origin.WaitForRequests(2, 2000));
   EXPECT_EQ(origin.ConnectionCount(), 1);
   EXPECT_EQ(origin.Received(0), first + second);
-  const std::string tag = Text(r.connectionTag_);
+  const std::string tag = Text(r.GetConnectionTag());
   const std::string target = "127.0.0.1:" + std::to_string(origin.Port());
   const std::string log = ProxyLog();
   EXPECT_NE(log.find(tag + "connecting to the host " + target + "\r\n"), std::string::npos);
@@ -147,7 +147,7 @@ TEST_F(UpstreamConnect, RefusedOrUnresolvableHostIsLogged) {
   EXPECT_EQ(r.upstreamSocket_, INVALID_SOCKET);
   EXPECT_FALSE(ConnectTo(r, "no-such-host.invalid", 80));
   const std::string log = ProxyLog();
-  const std::string tag = Text(r.connectionTag_);
+  const std::string tag = Text(r.GetConnectionTag());
   EXPECT_NE(log.find(tag + "Connect failed 127.0.0.1:" + std::to_string(port) + "   "),
             std::string::npos);
   EXPECT_NE(log.find(tag + "Failed to resolve the host to IP no-such-host.invalid:80\r\n"),

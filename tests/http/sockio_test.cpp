@@ -42,7 +42,7 @@ TEST_F(SocketPrimitives, SendAllSendsEveryByteOrNothingAndLogsAFailure) {
   TestRequest& r = MakeRequest();
   EXPECT_EQ(r.SendAll(r.clientSocket_, "abc", 0), 0);
   EXPECT_EQ(r.SendAll(r.clientSocket_, "abc", -5), 0);
-  EXPECT_EQ(r.SendAll(INVALID_SOCKET, "abc", 3), -1);
+  EXPECT_EQ(r.SendAll(INVALID_SOCKET, "abc", 3), kIoError);
   EXPECT_TRUE(ProxyLogHas("[VERBOSE]: " + Text(r.GetConnectionTag()) + "Send failed "));
   std::string big(3 * 1024 * 1024, '\0');
   for (std::size_t i = 0; i < big.size(); ++i) big[i] = static_cast<char>(i * 7);
@@ -61,16 +61,16 @@ TEST_F(SocketPrimitives, SendAllSendsEveryByteOrNothingAndLogsAFailure) {
 TEST_F(SocketPrimitives, WaitTimeOutsAreLoggedWithTheirMilliseconds) {
   TestRequest& r = MakeRequest();
   auto start = Clock::now();
-  EXPECT_EQ(r.WaitForData(INVALID_SOCKET, INVALID_SOCKET, 2000), -2);
+  EXPECT_EQ(r.WaitForData(INVALID_SOCKET, INVALID_SOCKET, 2000), kIoTimeout);
   EXPECT_LT(MsSince(start), 500);
   EXPECT_FALSE(ProxyLogHas("Socket wait"));  // no socket: quiet
   start = Clock::now();
-  EXPECT_EQ(r.WaitForData(r.clientSocket_, INVALID_SOCKET, 1500), -2);
+  EXPECT_EQ(r.WaitForData(r.clientSocket_, INVALID_SOCKET, 1500), kIoTimeout);
   EXPECT_GE(MsSince(start), 1400);  // the sub-second remainder is kept
   EXPECT_LT(MsSince(start), 2500);
   SendAllBytes(pair_->client, "x");  // readable, but a zero wait never looks
   std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  EXPECT_EQ(r.WaitForData(r.clientSocket_, INVALID_SOCKET, 0), -2);
+  EXPECT_EQ(r.WaitForData(r.clientSocket_, INVALID_SOCKET, 0), kIoTimeout);
   const std::string tag = "[VERBOSE]: " + Text(r.GetConnectionTag());
   EXPECT_TRUE(ProxyLogHas(tag + "Socket wait exceede the limit 1500 MS\r\n"));
   EXPECT_TRUE(ProxyLogHas(tag + "Socket wait exceede the limit 0 MS\r\n"));
@@ -80,12 +80,12 @@ TEST_F(SocketPrimitives, FirstSocketWinsWhenBothAreReadable) {
   TestRequest& r = MakeRequest();
   SocketPair other;
   SendAllBytes(other.client, "b");
-  EXPECT_EQ(r.WaitForData(r.clientSocket_, other.server, 2000), 2);
-  EXPECT_EQ(r.WaitForData(INVALID_SOCKET, other.server, 2000), 2);
+  EXPECT_EQ(r.WaitForData(r.clientSocket_, other.server, 2000), kSecondReady);
+  EXPECT_EQ(r.WaitForData(INVALID_SOCKET, other.server, 2000), kSecondReady);
   SendAllBytes(pair_->client, "a");
   std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  EXPECT_EQ(r.WaitForData(r.clientSocket_, other.server, 1000), 1);
-  EXPECT_EQ(r.WaitForData(other.server, r.clientSocket_, 1000), 1);
+  EXPECT_EQ(r.WaitForData(r.clientSocket_, other.server, 1000), kFirstReady);
+  EXPECT_EQ(r.WaitForData(other.server, r.clientSocket_, 1000), kFirstReady);
 }
 
 TEST_F(SocketPrimitives, ReceivedBytesAreCountedPerSideAndACloseIsZero) {
@@ -116,7 +116,7 @@ TEST_F(SocketPrimitives, RelayBytesMovesExactlyTheCountAndFailsQuietlyAtAClose) 
   // What lies beyond the count stays for the next relay; the peer's close
   // mid-body fails it quietly, after what came before the close was taken.
   vxtest::CloseSocket(pair_->client);
-  EXPECT_EQ(r.RelayBytes(r.clientSocket_, INVALID_SOCKET, 500, &rest), -1);
+  EXPECT_EQ(r.RelayBytes(r.clientSocket_, INVALID_SOCKET, 500, &rest), kIoError);
   EXPECT_EQ(Text(rest), "REST");
   EXPECT_FALSE(ProxyLogHas("Recv failed"));
 }
@@ -163,7 +163,7 @@ TEST_F(SocketPrimitives, TunnelEndsAfterAnIdlePeriod) {
   waits.relaySec = 1;
   r.SetWaits(waits);
   const auto start = Clock::now();
-  EXPECT_EQ(r.Tunnel(r.clientSocket_, upstream.server), -1);
+  EXPECT_EQ(r.Tunnel(r.clientSocket_, upstream.server), kIoError);
   EXPECT_GE(MsSince(start), 900);
 }
 
