@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "core/service.h"
 #include "probe/headermanager.h"
-#include "vxproxy/proxy.h"
 
 namespace {
 

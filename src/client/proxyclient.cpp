@@ -7,7 +7,7 @@
 #include "log/levels.h"
 #include "probe/headermanager.h"
 #include "vxproxy/filterengine.h"
-#include "vxproxy/proxy.h"
+#include "core/service.h"
 
 const CProxyClient::HandlerRow CProxyClient::kHandlers[3] = {
     {kSchemeHttp, &CProxyClient::HandleHttp},

@@ -5,7 +5,7 @@
 #include "client/proxyclient.h"
 #include "log/levels.h"
 #include "platform/platform.h"
-#include "vxproxy/proxy.h"
+#include "core/service.h"
 
 CProxyManager* CProxyManager::Instance() {
   // Built on first use (the service object's constructor) and destroyed at
@@ -50,7 +50,7 @@ void CProxyManager::Reap() {
 }
 
 void CProxyManager::StopAll() {
-  CVxHTTPProxy* proxy = GetProxy();
+  CVxHTTPProxyImpl* proxy = Service();
   size_t total = 0;
   size_t finishedBefore = 0;
   activeLock_.Enter();

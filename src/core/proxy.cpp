@@ -1,4 +1,4 @@
-#include "vxproxy/proxy.h"
+#include "core/service.h"
 
 #include <algorithm>
 #include <cstring>
@@ -56,7 +56,7 @@ bool EqualsNoCase(const char* a, const char* b) {
 }
 
 void ReportFilterError(void* context, const char* message, const char* detail) {
-  static_cast<CVxHTTPProxy*>(context)->LogLine(kLevelError, message, detail);
+  static_cast<CVxHTTPProxyImpl*>(context)->LogLine(kLevelError, message, detail);
 }
 
 }  // namespace
@@ -64,13 +64,15 @@ void ReportFilterError(void* context, const char* message, const char* detail) {
 extern "C" CVxHTTPProxy* GetProxy() {
   // Constructed on the first call (the library's load-time entry) and
   // destroyed at process exit or unload.
-  static CVxHTTPProxy proxy;
+  static CVxHTTPProxyImpl proxy;
   return &proxy;
 }
 
 // ------------------------------------------------------------ life cycle --
 
-CVxHTTPProxy::CVxHTTPProxy()
+CVxHTTPProxy::~CVxHTTPProxy() = default;
+
+CVxHTTPProxyImpl::CVxHTTPProxyImpl()
     : listenSocket_(INVALID_SOCKET),
       ownLog_(nullptr, 0),
       port_(0),
@@ -95,7 +97,7 @@ CVxHTTPProxy::CVxHTTPProxy()
   filterEngine_.SetErrorReporter(&ReportFilterError, this);
 }
 
-CVxHTTPProxy::~CVxHTTPProxy() {
+CVxHTTPProxyImpl::~CVxHTTPProxyImpl() {
   SOCKET s = listenSocket_.exchange(INVALID_SOCKET);
   if (s != INVALID_SOCKET) os::closesocket(s);
   filterEngine_.ClearRules();
@@ -107,7 +109,7 @@ CVxHTTPProxy::~CVxHTTPProxy() {
   notifyTargets_.clear();
 }
 
-bool CVxHTTPProxy::Initialize() {
+bool CVxHTTPProxyImpl::Initialize() {
   StartSockets();
   Uninitialize();
   FillMimeTable(mimeTable_);
@@ -120,7 +122,7 @@ bool CVxHTTPProxy::Initialize() {
   return LoadFilterLists();
 }
 
-void CVxHTTPProxy::OpenLogs() {
+void CVxHTTPProxyImpl::OpenLogs() {
   CFileStream::CreatePath(logFolder_, false);
   CLogManager* logs = CLogManager::Instance();
   for (const LogFileRow& row : kLogFiles) {
@@ -139,7 +141,7 @@ void CVxHTTPProxy::OpenLogs() {
   memLog_.Attach(GetLog(kLogProxy));
 }
 
-void CVxHTTPProxy::Uninitialize() {
+void CVxHTTPProxyImpl::Uninitialize() {
   SOCKET s = listenSocket_.exchange(INVALID_SOCKET);
   if (s != INVALID_SOCKET) os::closesocket(s);
   filterEngine_.ClearRules();
@@ -152,7 +154,7 @@ void CVxHTTPProxy::Uninitialize() {
   os::WSACleanup();
 }
 
-bool CVxHTTPProxy::LoadFilterLists() {
+bool CVxHTTPProxyImpl::LoadFilterLists() {
   bool filters = false;
   CStringBuffer path(filterFolder_);
   path << "\\filters.txt";
@@ -163,7 +165,7 @@ bool CVxHTTPProxy::LoadFilterLists() {
   return filters && approved;
 }
 
-void CVxHTTPProxy::LoadPort() {
+void CVxHTTPProxyImpl::LoadPort() {
   if (port_ != 0) return;
   CStringBuffer path(dataFolder_);
   path << "\\vexilo.ini";
@@ -180,11 +182,11 @@ void CVxHTTPProxy::LoadPort() {
   port_ = static_cast<unsigned short>(negative ? -value : value);
 }
 
-void CVxHTTPProxy::LogTime(int level, const char* text) {
+void CVxHTTPProxyImpl::LogTime(int level, const char* text) {
   LogLine(level, text, static_cast<vxtime64_t>(os::Time64()));
 }
 
-bool CVxHTTPProxy::Start() {
+bool CVxHTTPProxyImpl::Start() {
   if (isRunning()) return true;
   OpenStatistics();
   SOCKET old = listenSocket_.exchange(INVALID_SOCKET);
@@ -224,7 +226,7 @@ bool CVxHTTPProxy::Start() {
   return CThreadEx::Start();
 }
 
-DWORD CVxHTTPProxy::Run() {
+DWORD CVxHTTPProxyImpl::Run() {
   CProxyManager* clients = CProxyManager::Instance();
   DWORD lastReap = os::GetTickCount();
   for (;;) {
@@ -256,7 +258,7 @@ DWORD CVxHTTPProxy::Run() {
   }
 }
 
-bool CVxHTTPProxy::Stop() {
+bool CVxHTTPProxyImpl::Stop() {
   LogTime(kLevelInfo, "Proxy stop called @");
   CProxyManager* clients = CProxyManager::Instance();
   SOCKET s = listenSocket_.exchange(INVALID_SOCKET);
@@ -271,62 +273,62 @@ bool CVxHTTPProxy::Stop() {
 
 // -------------------------------------------------------- simple members --
 
-CMemLogEx* CVxHTTPProxy::GetMemLog() { return &memLog_; }
+CMemLogEx* CVxHTTPProxyImpl::GetMemLog() { return &memLog_; }
 
-CLog* CVxHTTPProxy::GetLog(int number) {
+CLog* CVxHTTPProxyImpl::GetLog(int number) {
   CLog* log = CLogManager::Instance()->GetLog(number);
   return log != nullptr ? log : &ownLog_;
 }
 
-CSecureXMLParser* CVxHTTPProxy::GetSettings() { return &settings_; }
+CSecureXMLParser* CVxHTTPProxyImpl::GetSettings() { return &settings_; }
 
-const char* CVxHTTPProxy::GetMimeType(const char* typeWord) {
+const char* CVxHTTPProxyImpl::GetMimeType(const char* typeWord) {
   return ::GetMimeType(mimeTable_, typeWord);
 }
 
-int CVxHTTPProxy::GetActiveClientCount() { return clients_->GetActiveCount(); }
-CFilterEngine* CVxHTTPProxy::GetFilterEngine() { return &filterEngine_; }
-CHeaderManager* CVxHTTPProxy::GetHeaderManager() { return headerManager_; }
-bool CVxHTTPProxy::IsFilteringEnabled() { return filteringEnabled_; }
+int CVxHTTPProxyImpl::GetActiveClientCount() { return clients_->GetActiveCount(); }
+CFilterEngine* CVxHTTPProxyImpl::GetFilterEngine() { return &filterEngine_; }
+CHeaderManager* CVxHTTPProxyImpl::GetHeaderManager() { return headerManager_; }
+bool CVxHTTPProxyImpl::IsFilteringEnabled() { return filteringEnabled_; }
 
-bool CVxHTTPProxy::EnableFiltering(bool enable) {
+bool CVxHTTPProxyImpl::EnableFiltering(bool enable) {
   filteringEnabled_ = enable;
   return filteringEnabled_;
 }
 
-void CVxHTTPProxy::SetUpstreamProxy(const CStringBuffer& host, const unsigned short* port) {
+void CVxHTTPProxyImpl::SetUpstreamProxy(const CStringBuffer& host, const unsigned short* port) {
   upstreamHost_ = host;
   upstreamPort_ = port != nullptr ? *port : 0;
 }
 
-CStringBuffer* CVxHTTPProxy::GetUpstreamProxy(unsigned short* port) {
+CStringBuffer* CVxHTTPProxyImpl::GetUpstreamProxy(unsigned short* port) {
   if (port != nullptr) *port = upstreamPort_;
   return &upstreamHost_;
 }
 
-HMODULE CVxHTTPProxy::SetInstanceHandle(HMODULE instance) {
+HMODULE CVxHTTPProxyImpl::SetInstanceHandle(HMODULE instance) {
   instance_ = instance;
   return instance_;
 }
 
-HMODULE CVxHTTPProxy::GetInstanceHandle() { return instance_; }
-void CVxHTTPProxy::Reserved23() {}
-CSiteCounter* CVxHTTPProxy::GetSiteCounter() { return &siteCounter_; }
-void CVxHTTPProxy::SetDataFolder(const char* folder) { dataFolder_ = folder; }
-void CVxHTTPProxy::SetFilterFolder(const char* folder) { filterFolder_ = folder; }
-void CVxHTTPProxy::SetLogFolder(const char* folder) { logFolder_ = folder; }
-const char* CVxHTTPProxy::GetDataFolder() { return dataFolder_; }
-const char* CVxHTTPProxy::GetFilterFolder() { return filterFolder_; }
-const char* CVxHTTPProxy::GetLogFolder() { return logFolder_; }
-void CVxHTTPProxy::SetHostFolder(const char* folder) { hostFolder_ = folder; }
-const char* CVxHTTPProxy::GetHostFolder() { return hostFolder_; }
+HMODULE CVxHTTPProxyImpl::GetInstanceHandle() { return instance_; }
+void CVxHTTPProxyImpl::Reserved23() {}
+CSiteCounter* CVxHTTPProxyImpl::GetSiteCounter() { return &siteCounter_; }
+void CVxHTTPProxyImpl::SetDataFolder(const char* folder) { dataFolder_ = folder; }
+void CVxHTTPProxyImpl::SetFilterFolder(const char* folder) { filterFolder_ = folder; }
+void CVxHTTPProxyImpl::SetLogFolder(const char* folder) { logFolder_ = folder; }
+const char* CVxHTTPProxyImpl::GetDataFolder() { return dataFolder_; }
+const char* CVxHTTPProxyImpl::GetFilterFolder() { return filterFolder_; }
+const char* CVxHTTPProxyImpl::GetLogFolder() { return logFolder_; }
+void CVxHTTPProxyImpl::SetHostFolder(const char* folder) { hostFolder_ = folder; }
+const char* CVxHTTPProxyImpl::GetHostFolder() { return hostFolder_; }
 
-void CVxHTTPProxy::ReleaseDocuments() {
+void CVxHTTPProxyImpl::ReleaseDocuments() {
   settings_.Destroy();
   siteCounter_.Destroy();
 }
 
-void CVxHTTPProxy::OpenStatistics() {
+void CVxHTTPProxyImpl::OpenStatistics() {
   CStringBuffer path(logFolder_);
   path << "\\siteinfo.log";
   siteCounter_.Open(path);
@@ -335,19 +337,19 @@ void CVxHTTPProxy::OpenStatistics() {
   siteCounter_.OpenGlobal(path);
 }
 
-std::int64_t CVxHTTPProxy::CloseStatistics() {
+std::int64_t CVxHTTPProxyImpl::CloseStatistics() {
   siteCounter_.SetLoaded(false);
   return static_cast<std::int64_t>(siteCounter_.GetHistory());
 }
 
-int CVxHTTPProxy::GetTraceMode() { return traceMode_; }
+int CVxHTTPProxyImpl::GetTraceMode() { return traceMode_; }
 
-int CVxHTTPProxy::SetTraceMode(int mode) {
+int CVxHTTPProxyImpl::SetTraceMode(int mode) {
   traceMode_ = mode;
   return traceMode_;
 }
 
-bool CVxHTTPProxy::IsLocalHostName(const char* name) {
+bool CVxHTTPProxyImpl::IsLocalHostName(const char* name) {
   if (name == nullptr) return false;
   if (EqualsNoCase(name, "localhost")) return true;
   if (std::strlen(name) >= 8) {
@@ -374,14 +376,14 @@ bool CVxHTTPProxy::IsLocalHostName(const char* name) {
 
 // ---------------------------------------------------------------- counters --
 
-void CVxHTTPProxy::CountFilteredRequest() { ++filteredRequests_; }
-int CVxHTTPProxy::GetFilteredRequests() { return static_cast<int>(filteredRequests_.load()); }
-int CVxHTTPProxy::GetBlockedImages() { return static_cast<int>(blockedImages_.load()); }
-int CVxHTTPProxy::GetBlockedFlash() { return static_cast<int>(blockedFlash_.load()); }
-void CVxHTTPProxy::CountBlockedImage() { ++blockedImages_; }
-void CVxHTTPProxy::CountBlockedFlash() { ++blockedFlash_; }
+void CVxHTTPProxyImpl::CountFilteredRequest() { ++filteredRequests_; }
+int CVxHTTPProxyImpl::GetFilteredRequests() { return static_cast<int>(filteredRequests_.load()); }
+int CVxHTTPProxyImpl::GetBlockedImages() { return static_cast<int>(blockedImages_.load()); }
+int CVxHTTPProxyImpl::GetBlockedFlash() { return static_cast<int>(blockedFlash_.load()); }
+void CVxHTTPProxyImpl::CountBlockedImage() { ++blockedImages_; }
+void CVxHTTPProxyImpl::CountBlockedFlash() { ++blockedFlash_; }
 
-int CVxHTTPProxy::ResetCounters() {
+int CVxHTTPProxyImpl::ResetCounters() {
   filteredRequests_ = 0;
   blockedImages_ = 0;
   blockedFlash_ = 0;
@@ -390,15 +392,15 @@ int CVxHTTPProxy::ResetCounters() {
 
 // -------------------------------------------------------------- type words --
 
-void CVxHTTPProxy::NormalizeTypeWord(CStringBuffer& word) { ::NormalizeTypeWord(typeWordTable_, word); }
-bool CVxHTTPProxy::IsReplaceableType(CStringBuffer& word) { return ::IsReplaceableType(word); }
-bool CVxHTTPProxy::IsImageWord(CStringBuffer& word) { return ::IsImageWord(word); }
-bool CVxHTTPProxy::IsFlashWord(CStringBuffer& word) { return ::IsFlashWord(word); }
-bool CVxHTTPProxy::IsPageWord(CStringBuffer& word) { return ::IsPageWord(word); }
+void CVxHTTPProxyImpl::NormalizeTypeWord(CStringBuffer& word) { ::NormalizeTypeWord(typeWordTable_, word); }
+bool CVxHTTPProxyImpl::IsReplaceableType(CStringBuffer& word) { return ::IsReplaceableType(word); }
+bool CVxHTTPProxyImpl::IsImageWord(CStringBuffer& word) { return ::IsImageWord(word); }
+bool CVxHTTPProxyImpl::IsFlashWord(CStringBuffer& word) { return ::IsFlashWord(word); }
+bool CVxHTTPProxyImpl::IsPageWord(CStringBuffer& word) { return ::IsPageWord(word); }
 
 // ----------------------------------------------------------- notifications --
 
-NotifyTarget* CVxHTTPProxy::AddNotifyTarget(HWND window, DWORD threadId, UINT messageId,
+NotifyTarget* CVxHTTPProxyImpl::AddNotifyTarget(HWND window, DWORD threadId, UINT messageId,
                                             DWORD eventMask, bool enabled) {
   CAutoSync guard(notifyLock_);
   NotifyTarget* found = nullptr;
@@ -418,7 +420,7 @@ NotifyTarget* CVxHTTPProxy::AddNotifyTarget(HWND window, DWORD threadId, UINT me
   return found;
 }
 
-void CVxHTTPProxy::RemoveNotifyTarget(HWND window, DWORD threadId, UINT messageId) {
+void CVxHTTPProxyImpl::RemoveNotifyTarget(HWND window, DWORD threadId, UINT messageId) {
   CAutoSync guard(notifyLock_);
   for (auto it = notifyTargets_.begin(); it != notifyTargets_.end(); ++it) {
     NotifyTarget* target = *it;
@@ -431,7 +433,7 @@ void CVxHTTPProxy::RemoveNotifyTarget(HWND window, DWORD threadId, UINT messageI
   }
 }
 
-void CVxHTTPProxy::Notify(unsigned short event) {
+void CVxHTTPProxyImpl::Notify(unsigned short event) {
   CAutoSync guard(notifyLock_);
   for (const NotifyTarget* target : notifyTargets_) {
     if (!target->enabled || target->messageId == 0) continue;

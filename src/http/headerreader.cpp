@@ -4,7 +4,7 @@
 #include "http/httprequest.h"
 #include "log/levels.h"
 #include "platform/platform.h"
-#include "vxproxy/proxy.h"
+#include "core/service.h"
 
 int CHTTPRequest::ReadHeader(SOCKET socket, bool isRequest) {
   if (isRequest) {

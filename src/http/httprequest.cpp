@@ -8,7 +8,7 @@
 #include "log/levels.h"
 #include "platform/platform.h"
 #include "vxproxy/filterengine.h"
-#include "vxproxy/proxy.h"
+#include "core/service.h"
 
 namespace {
 
@@ -38,7 +38,7 @@ CHTTPRequest::CHTTPRequest(SOCKET client)
       blockedLog_(GetProxy()->GetLog(kLogBlocked)),
       traceLog_(GetProxy()->GetLog(kLogRequest)),
       eventLog_(GetProxy()->GetLog(kLogProxy)),
-      proxy_(GetProxy()),
+      proxy_(Service()),
       deferredCheck_(false),
       verdict_(VerdictNoMatch) {
   std::uint32_t address = 0;

@@ -15,7 +15,7 @@
 #include "vxproxy/stringbuffer.h"
 
 class CProxyManager;
-class CVxHTTPProxy;
+class CVxHTTPProxyImpl;
 
 // Fixed sizes and limits of the HTTP layer.
 constexpr int kHeaderRecvBytes = 1024;      // stack buffer of header and chunk receives
@@ -154,7 +154,7 @@ class CHTTPRequest {
   CMemLog traceLog_;                  // log 8, request.log
   CMemLogEx eventLog_;                // log 2, proxy.log
   std::map<std::string, std::string> headerMap_;  // lower-case name -> trimmed value
-  CVxHTTPProxy* proxy_;
+  CVxHTTPProxyImpl* proxy_;
   bool deferredCheck_;
   int verdict_;
 

@@ -9,7 +9,7 @@
 #include "http/httprequest.h"
 #include "log/levels.h"
 #include "platform/platform.h"
-#include "vxproxy/proxy.h"
+#include "core/service.h"
 
 namespace {
 
@@ -105,7 +105,7 @@ bool CHTTPInternal::BuildReplacementResponse(CHTTPRequest* request, const char* 
     if (!LoadReplacementBody(word.GetBuffer(), body)) return BuildNotFoundResponse(request, out, true);
   }
 
-  CVxHTTPProxy* proxy = GetProxy();
+  CVxHTTPProxyImpl* proxy = Service();
   if (proxy->IsImageWord(word)) {
     proxy->CountBlockedImage();
   } else if (proxy->IsFlashWord(word)) {

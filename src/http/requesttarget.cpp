@@ -7,7 +7,7 @@
 #include "http/urlparser.h"
 #include "log/levels.h"
 #include "platform/platform.h"
-#include "vxproxy/proxy.h"
+#include "core/service.h"
 
 namespace {
 

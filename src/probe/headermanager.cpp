@@ -7,9 +7,9 @@
 #include <utility>
 #include <vector>
 
+#include "core/service.h"
 #include "log/levels.h"
 #include "platform/platform.h"
-#include "vxproxy/proxy.h"
 
 namespace {
 
@@ -197,7 +197,7 @@ void CHeaderManager::ClearAll() {
 // ---------------------------------------------------------------- probing --
 
 DWORD CHeaderManager::Run() {
-  CVxHTTPProxy* proxy = GetProxy();
+  CVxHTTPProxyImpl* proxy = Service();
   ClearAll();
   serving_ = true;
   vxtime64_t lastSweep = Now();
@@ -307,7 +307,7 @@ void CHeaderManager::SweepSizeCache() {
   std::map<vxtime64_t, std::vector<std::string>> byLastUse;
   for (const auto& [key, record] : sizeCache_) {
     if (record == nullptr) {
-      GetProxy()->LogLine(kLevelCritical, "Data = ", key.c_str(), " is null ");
+      Service()->LogLine(kLevelCritical, "Data = ", key.c_str(), " is null ");
       stale.push_back(key);
     } else if (now - record->lastUsed > kIdleLimitSeconds) {
       stale.push_back(key);

@@ -5,11 +5,11 @@
 #include <thread>
 #include <vector>
 
+#include "core/service.h"
 #include "platform/platform.h"
 #include "support/service_fixture.h"
 #include "support/tempdir.h"
 #include "support/vtable.h"
-#include "vxproxy/proxy.h"
 
 namespace {
 
@@ -98,7 +98,7 @@ TEST(ServiceSlots, SiteCounterSlotsFollowTheStore) {
 TEST(ServiceObject, IsOneObjectPerProcess) { EXPECT_EQ(GetProxy(), GetProxy()); }
 
 TEST(ServiceObject, LocalHostNames) {
-  CVxHTTPProxy* proxy = GetProxy();
+  CVxHTTPProxyImpl* proxy = Service();
   EXPECT_TRUE(proxy->IsLocalHostName("localhost"));
   EXPECT_TRUE(proxy->IsLocalHostName("LocalHost"));
   EXPECT_TRUE(proxy->IsLocalHostName("127.0.0.1"));
@@ -117,7 +117,7 @@ TEST(ServiceObject, LocalHostNames) {
 }
 
 TEST(ServiceObject, CountersResetAndSurviveConcurrentIncrements) {
-  CVxHTTPProxy* proxy = GetProxy();
+  CVxHTTPProxyImpl* proxy = Service();
   proxy->ResetCounters();
   std::vector<std::thread> threads;
   for (int t = 0; t < 8; ++t) {
@@ -138,7 +138,7 @@ TEST(ServiceObject, CountersResetAndSurviveConcurrentIncrements) {
 }
 
 TEST(ServiceObject, UpstreamProxyRoundTrip) {
-  CVxHTTPProxy* proxy = GetProxy();
+  CVxHTTPProxyImpl* proxy = Service();
   const unsigned short port = 3128;
   proxy->SetUpstreamProxy(CStringBuffer("upstream.example"), &port);
   unsigned short got = 0;
@@ -164,7 +164,7 @@ class Notifications : public ::testing::Test {
     DWORD thread;
     UINT message;
   };
-  CVxHTTPProxy* proxy_ = GetProxy();
+  CVxHTTPProxyImpl* proxy_ = Service();
   std::vector<Triple> registered_;
 };
 

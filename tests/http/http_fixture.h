@@ -12,7 +12,7 @@
 #include "platform/platform.h"
 #include "support/raw_client.h"
 #include "support/service_fixture.h"
-#include "vxproxy/proxy.h"
+#include "core/service.h"
 
 // A request object that opens to the tests the members their I/O and
 // driver checks look at; parsing itself is tested on the parsers.

@@ -7,15 +7,15 @@
 
 #include <string>
 
+#include "core/service.h"
 #include "platform/platform.h"
 #include "resources/resources.h"
 #include "support/tempdir.h"
-#include "vxproxy/proxy.h"
 
 class ServiceFixture : public ::testing::Test {
  protected:
   void SetUp() override {
-    proxy_ = GetProxy();
+    proxy_ = Service();
     // In a test program the service is linked in, not loaded: stand in for
     // the module's load-time entry, which hands over the replacement bodies.
     HMODULE self = os::GetModuleHandleOf(reinterpret_cast<const void*>(&GetProxy));
@@ -49,5 +49,5 @@ class ServiceFixture : public ::testing::Test {
   std::string BlockedLog() const { return ReadTextFile(dir_ / "logs/blocked.log"); }
 
   TempDir dir_;
-  CVxHTTPProxy* proxy_ = nullptr;
+  CVxHTTPProxyImpl* proxy_ = nullptr;
 };

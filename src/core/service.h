@@ -1,0 +1,135 @@
+// The service object as the module builds it: the host's slots of
+// CVxHTTPProxy and the state and helpers behind them that the module's own
+// workers use. Hosts never see this class; its layout may change freely.
+#pragma once
+
+#include <atomic>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "platform/winnames.h"
+#include "vxproxy/filterengine.h"
+#include "vxproxy/log.h"
+#include "vxproxy/proxy.h"
+#include "vxproxy/sitecounter.h"
+#include "vxproxy/stringbuffer.h"
+#include "vxproxy/threads.h"
+#include "vxproxy/xmlstore.h"
+
+class CProxyManager;
+
+// No operation is added here: the table stays the one of CVxHTTPProxy.
+class CVxHTTPProxyImpl final : public CVxHTTPProxy {
+ public:
+  CVxHTTPProxyImpl();
+  ~CVxHTTPProxyImpl() override;
+  bool Stop() override;
+  using CThreadEx::Stop;
+  bool Start() override;
+  DWORD Run() override;
+  bool Initialize() override;
+  void Uninitialize() override;
+  CMemLogEx* GetMemLog() override;
+  CLog* GetLog(int number) override;
+  CSecureXMLParser* GetSettings() override;
+  const char* GetMimeType(const char* typeWord) override;
+  int GetActiveClientCount() override;
+  CFilterEngine* GetFilterEngine() override;
+  CHeaderManager* GetHeaderManager() override;
+  bool IsFilteringEnabled() override;
+  bool EnableFiltering(bool enable) override;
+  void LoadPort() override;
+  void SetUpstreamProxy(const CStringBuffer& host, const unsigned short* port) override;
+  CStringBuffer* GetUpstreamProxy(unsigned short* port) override;
+  HMODULE SetInstanceHandle(HMODULE instance) override;
+  HMODULE GetInstanceHandle() override;
+  void Reserved23() override;
+  CSiteCounter* GetSiteCounter() override;
+  void SetDataFolder(const char* folder) override;
+  void SetFilterFolder(const char* folder) override;
+  void SetLogFolder(const char* folder) override;
+  const char* GetDataFolder() override;
+  const char* GetFilterFolder() override;
+  const char* GetLogFolder() override;
+  void SetHostFolder(const char* folder) override;
+  const char* GetHostFolder() override;
+  void ReleaseDocuments() override;
+  void OpenStatistics() override;
+  std::int64_t CloseStatistics() override;
+  NotifyTarget* AddNotifyTarget(HWND window, DWORD threadId, UINT messageId, DWORD eventMask,
+                                bool enabled) override;
+  void RemoveNotifyTarget(HWND window, DWORD threadId, UINT messageId) override;
+  int GetTraceMode() override;
+  int SetTraceMode(int mode) override;
+  bool LoadFilterLists() override;
+  bool IsLocalHostName(const char* name) override;
+  void CountFilteredRequest() override;
+  int GetFilteredRequests() override;
+  int GetBlockedImages() override;
+  int GetBlockedFlash() override;
+  void CountBlockedImage() override;
+  void CountBlockedFlash() override;
+  int ResetCounters() override;
+
+  // Type words.
+  void NormalizeTypeWord(CStringBuffer& word);
+  bool IsReplaceableType(CStringBuffer& word);
+  bool IsImageWord(CStringBuffer& word);
+  bool IsFlashWord(CStringBuffer& word);
+  bool IsPageWord(CStringBuffer& word);
+
+  // Posts the event to every matching notify target.
+  void Notify(unsigned short event);
+
+  unsigned short GetPort() const { return port_; }
+  // The port is read from vexilo.ini only while it is unknown; forgetting it
+  // makes the next Start read the file again.
+  void ResetPort() { port_ = 0; }
+
+  // Writes one line to the service's memory log. The memory log is shared by
+  // the host's thread, the accept thread and the workers, so whole lines are
+  // built under a lock and never interleave.
+  template <typename... Pieces>
+  void LogLine(int level, const Pieces&... pieces) {
+    CAutoSync guard(memLogLock_);
+    memLog_ << CLogManip(level);
+    ((memLog_ << pieces), ...);
+    memLog_ << lend;
+  }
+
+ private:
+  void OpenLogs();
+  void LogTime(int level, const char* text);
+
+  std::atomic<SOCKET> listenSocket_;  // read by the accept loop on every pass
+  std::map<std::string, std::string> mimeTable_;
+  std::map<std::string, std::string> typeWordTable_;
+  CLog ownLog_;
+  unsigned short port_;
+  std::atomic<bool> filteringEnabled_;  // may change while workers read it
+  CStringBuffer upstreamHost_;
+  unsigned short upstreamPort_;
+  HMODULE instance_;
+  std::atomic<int> traceMode_;
+  CProxyManager* clients_;
+  CHeaderManager* headerManager_;
+  CFilterEngine filterEngine_;
+  std::atomic<unsigned> filteredRequests_;
+  std::atomic<unsigned> blockedImages_;
+  std::atomic<unsigned> blockedFlash_;
+  CSecureXMLParser settings_;
+  std::vector<NotifyTarget*> notifyTargets_;
+  CSiteCounter siteCounter_;
+  CStringBuffer dataFolder_;
+  CStringBuffer logFolder_;
+  CStringBuffer filterFolder_;
+  CStringBuffer hostFolder_;
+  CCriticalSectionEx notifyLock_;
+  CMemLogEx memLog_;
+  CCriticalSectionEx memLogLock_;
+};
+
+// The one service object, for the module's own code: GetProxy as the class
+// that carries the module's helpers.
+inline CVxHTTPProxyImpl* Service() { return static_cast<CVxHTTPProxyImpl*>(GetProxy()); }
