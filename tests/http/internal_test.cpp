@@ -1,9 +1,7 @@
 // The replies the proxy writes itself, and the replacement bodies they carry.
-#include <cstdint>
 #include <cstring>
 #include <regex>
 #include <string>
-#include <vector>
 
 #include "http/internal.h"
 #include "http_fixture.h"
@@ -133,91 +131,4 @@ TEST_F(InternalReply, RequestTraceGetsTheHeaderAndNotFoundOnlyWhenAsked) {
   EXPECT_EQ(RequestLog(), header);
   CHTTPInternal::BuildNotFoundResponse(&r, traced, true);
   EXPECT_EQ(RequestLog(), header + Text(traced));
-}
-
-// ------------------------------------------------------------ the video --
-
-namespace {
-
-std::uint32_t Be(const std::string& s, std::size_t at, int bytes) {
-  std::uint32_t v = 0;
-  for (int i = 0; i < bytes; ++i) v = (v << 8) | static_cast<unsigned char>(s[at + i]);
-  return v;
-}
-
-struct FlvTag {
-  int type;
-  std::uint32_t size;
-  std::uint32_t timeMs;
-  std::string data;
-};
-
-// Walks an FLV file: header, then tag, previous-tag size, tag, ... to the
-// last byte. Fails the test on any framing error.
-std::vector<FlvTag> WalkFlv(const std::string& flv) {
-  std::vector<FlvTag> tags;
-  if (flv.compare(0, 13, std::string("FLV\x01\x05\0\0\0\x09\0\0\0\0", 13)) != 0) {
-    ADD_FAILURE() << "no FLV header with audio, video and a zero first tag size";
-    return tags;
-  }
-  std::size_t at = 13;
-  while (at + 11 <= flv.size()) {
-    FlvTag tag{static_cast<unsigned char>(flv[at]), Be(flv, at + 1, 3),
-               Be(flv, at + 4, 3) | (Be(flv, at + 7, 1) << 24), ""};
-    if (Be(flv, at + 8, 3) != 0 || at + 15 + tag.size > flv.size()) break;  // stream id 0
-    if (Be(flv, at + 11 + tag.size, 4) != 11 + tag.size) break;             // previous-tag size
-    tag.data = flv.substr(at + 11, tag.size);
-    tags.push_back(tag);
-    at += 15 + tag.size;
-  }
-  EXPECT_EQ(at, flv.size()) << "framing error after " << tags.size() << " tags";
-  return tags;
-}
-
-// AMF0 values as the metadata tag stores them.
-std::string Be32(std::uint32_t v) {
-  return {static_cast<char>(v >> 24), static_cast<char>(v >> 16), static_cast<char>(v >> 8),
-          static_cast<char>(v)};
-}
-std::string Name(const std::string& s) {
-  return std::string{static_cast<char>(s.size() >> 8), static_cast<char>(s.size())} + s;
-}
-std::string Number(double d) {
-  std::uint64_t bits;
-  std::memcpy(&bits, &d, sizeof bits);
-  return '\0' + Be32(static_cast<std::uint32_t>(bits >> 32)) + Be32(static_cast<std::uint32_t>(bits));
-}
-
-}  // namespace
-
-TEST(DummyVideo, SevenTagsWithMetadataAudioAndAKeyFrame) {
-  const std::vector<FlvTag> tags = WalkFlv(Resource("DUMMY.FLV"));
-  ASSERT_EQ(tags.size(), 7u);
-  const struct {
-    int type;
-    std::uint32_t size;
-    std::uint32_t timeMs;
-  } expected[] = {{18, 245, 0}, {8, 105, 0}, {9, 3588, 0}, {8, 105, 26},
-                  {8, 105, 52}, {8, 105, 78}, {8, 105, 104}};
-  for (std::size_t i = 0; i < 7; ++i) {
-    EXPECT_EQ(tags[i].type, expected[i].type) << i;
-    EXPECT_EQ(tags[i].size, expected[i].size) << i;
-    EXPECT_EQ(tags[i].timeMs, expected[i].timeMs) << i;
-    if (tags[i].type != 8) continue;
-    // MP3 mono at 22 kHz; an MPEG audio frame header follows: 11 sync bits set.
-    EXPECT_EQ(Be(tags[i].data, 0, 2), 0x2AFFu) << i;
-    EXPECT_EQ(tags[i].data[2] & 0xE0, 0xE0) << i;
-  }
-
-  // The metadata: an ECMA array of ten entries.
-  const std::string metadata =
-      "\x02" + Name("onMetaData") + "\x08" + Be32(10) + Name("duration") + Number(0.07) +
-      Name("width") + Number(420) + Name("height") + Number(314) + Name("videodatarate") +
-      Number(360) + Name("canSeekToEnd") + std::string("\x01\x01", 2) + Name("videocodecid") +
-      Number(2) + Name("audiodatarate") + Number(32) + Name("audiocodecid") + Number(2) +
-      Name("framerate") + Number(30) + Name("creationdate") + "\x02" +
-      Name("Tue Sep 26 10:24:07 2006 ") + Name("") + "\x09";
-  EXPECT_EQ(tags[0].data, metadata);
-
-  EXPECT_EQ(tags[2].data[0], 0x12);  // a key frame, Sorenson H.263
 }
