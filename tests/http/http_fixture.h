@@ -23,14 +23,13 @@ class TestRequest : public CHTTPRequest {
   // Connections and what was received on them.
   using CHTTPRequest::SetWaits, CHTTPRequest::clientSocket_, CHTTPRequest::upstreamSocket_,
       CHTTPRequest::receiveBuffer_, CHTTPRequest::bytesFromClient_,
-      CHTTPRequest::bytesFromUpstream_, CHTTPRequest::localAddress_, CHTTPRequest::keptHost_,
-      CHTTPRequest::connectHost_, CHTTPRequest::connectPort_;
+      CHTTPRequest::bytesFromUpstream_, CHTTPRequest::keptHost_, CHTTPRequest::connectHost_,
+      CHTTPRequest::connectPort_;
   // The message read last, as the session uses it.
-  using CHTTPRequest::rawHeader_, CHTTPRequest::startLine_, CHTTPRequest::requestLine_,
-      CHTTPRequest::headerLines_, CHTTPRequest::otherHeaderLines_, CHTTPRequest::statusCode_,
+  using CHTTPRequest::headerLines_, CHTTPRequest::otherHeaderLines_, CHTTPRequest::statusCode_,
       CHTTPRequest::contentLength_, CHTTPRequest::closeFlag_, CHTTPRequest::headerMap_,
-      CHTTPRequest::refererHost_, CHTTPRequest::proxyDestination_,
-      CHTTPRequest::proxyConnectionLine_, CHTTPRequest::responseTypeWord_;
+      CHTTPRequest::refererHost_, CHTTPRequest::proxyConnectionLine_,
+      CHTTPRequest::responseTypeWord_;
   // The request target and the verdict on it.
   using CHTTPRequest::method_, CHTTPRequest::scheme_, CHTTPRequest::host_, CHTTPRequest::urlPort_,
       CHTTPRequest::requestTarget_, CHTTPRequest::path_, CHTTPRequest::version_,
