@@ -14,8 +14,8 @@
 #include <vector>
 
 #include "filter/corpus.h"
+#include "filter/engine.h"
 #include "filter/reference_filter.h"
-#include "vxproxy/filterengine.h"
 
 namespace {
 
@@ -99,7 +99,7 @@ void PrintFigures() {
   std::printf("filter engine on %s\n", kList.c_str());
   // Memory first, before anything else has been allocated and freed.
   const long before = ResidentBytes();
-  CFilterEngine engine;
+  CFilterEngineImpl engine;
   std::vector<double> loads;
   for (int run = 0; run < kLoadRuns; ++run) {
     const Clock::time_point t0 = Clock::now();
@@ -181,7 +181,7 @@ void PrintFigures() {
 // Repeated measurements under the benchmark library, for comparisons
 // between builds.
 void BM_LoadFilters(benchmark::State& state) {
-  CFilterEngine engine;
+  CFilterEngineImpl engine;
   engine.SetFiltersFile(kList.c_str());
   for (auto _ : state) benchmark::DoNotOptimize(engine.LoadFilters());
 }
@@ -190,7 +190,7 @@ BENCHMARK(BM_LoadFilters)->Unit(benchmark::kMillisecond);
 void BM_CheckCorpus(benchmark::State& state) {
   static const std::vector<corpus::Request> requests = corpus::Load(kRequests);
   static const std::vector<FilterRequestInfo> infos = Infos(requests);
-  CFilterEngine engine;
+  CFilterEngineImpl engine;
   engine.SetFiltersFile(kList.c_str());
   engine.LoadFilters();
   std::size_t i = 0;

@@ -2,82 +2,23 @@
 // approved list, and gives each request a verdict.
 //
 // The host application reaches only the two virtual slots, in this order:
-// 0 IsDomainRuleHost, 1 LoadUserApprovedList. Everything else is for the
-// service object and the tools that link the engine directly.
-//
-// CheckRequest only reads the tables, so any number of threads may call it at
-// once; loading (LoadFilters, LoadUserApprovedList, ClearRules) must not
-// overlap with checks.
+// 0 IsDomainRuleHost, 1 LoadUserApprovedList. The engine belongs to the
+// service object, which hands it out; the rest of it lives in the module.
 #pragma once
-
-#include <map>
-#include <memory>
-#include <string>
-#include <string_view>
-
-namespace vxfilter {
-class RuleIndex;
-}
-
-constexpr int VerdictNoMatch = 100;   // no rule decided, or the check failed: pass
-constexpr int VerdictAllowed = 200;   // an approved-list or exception rule matched: pass
-constexpr int VerdictAdServer = 300;  // a domain rule of the ad-server section: block
-constexpr int VerdictGeneric = 400;   // a generic rule: block
-constexpr int VerdictDomain = 500;    // any other domain rule: block
-
-// One request as CheckRequest sees it. The views must outlive the call.
-struct FilterRequestInfo {
-  std::string_view host;      // host name, without port
-  std::string_view path;      // request target after the host, query included
-  std::string_view typeWord;  // gif, js, css, htm, ...
-  std::string_view referer;   // the Referer field's value, or empty
-  bool skipExceptionTypeCheck = false;  // set for the check of a redirect response
-};
 
 class CFilterEngine {
  public:
-  CFilterEngine();
-  ~CFilterEngine();  // not virtual: the host never deletes the engine
+  // Slot 0: whether the host name, exactly as given, is the key of an
+  // ad-server domain rule.
+  virtual bool IsDomainRuleHost(const char* host) = 0;
+  // Slot 1: replaces the approved list by the "@@" lines of the file. A
+  // missing file is an empty list (true); false after a read error.
+  virtual bool LoadUserApprovedList(const char* path) = 0;
+
   CFilterEngine(const CFilterEngine&) = delete;
   CFilterEngine& operator=(const CFilterEngine&) = delete;
 
-  // Slot 0: whether the host name, exactly as given, is the key of an
-  // ad-server domain rule.
-  virtual bool IsDomainRuleHost(const char* host);
-  // Slot 1: replaces the approved list by the "@@" lines of the file. A
-  // missing file is an empty list (true); false after a read error.
-  virtual bool LoadUserApprovedList(const char* path);
-
-  // Remembers the filters file after checking that it opens.
-  bool SetFiltersFile(const char* path);
-  // Replaces the filters-file rules by the content of the remembered file.
-  bool LoadFilters();
-  // Drops the filters-file rules; the approved list stays.
-  void ClearRules();
-
-  // The verdict for one request (one of the Verdict codes). headers maps
-  // lower-case field names to values; only "referer" is read.
-  int CheckRequest(std::string host, std::string path, std::string typeWord,
-                   std::map<std::string, std::string> headers, bool skipExceptionTypeCheck) const;
-  // The same verdict without copying anything.
-  int CheckRequest(const FilterRequestInfo& request) const;
-
-  // Version text of the last loaded filters file ("0.0" without one).
-  const char* GetVersion() const { return version_.c_str(); }
-
-  // Where error lines go ("Failed to open filters file: " and the like, with
-  // the path or request as detail). Without a reporter errors are silent.
-  using ErrorReporter = void (*)(void* context, const char* message, const char* detail);
-  void SetErrorReporter(ErrorReporter report, void* context);
-
- private:
-  void ReportError(const char* message, const char* detail) const;
-
-  std::string filtersPath_;
-  std::string version_;
-  bool inAdServerSection_ = false;
-  std::unique_ptr<vxfilter::RuleIndex> filters_;
-  std::unique_ptr<vxfilter::RuleIndex> approved_;
-  ErrorReporter report_ = nullptr;
-  void* reportContext_ = nullptr;
+ protected:
+  CFilterEngine() = default;
+  ~CFilterEngine() = default;  // not virtual: the host never deletes the engine
 };

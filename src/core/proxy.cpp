@@ -287,7 +287,7 @@ const char* CVxHTTPProxyImpl::GetMimeType(const char* typeWord) {
 }
 
 int CVxHTTPProxyImpl::GetActiveClientCount() { return clients_->GetActiveCount(); }
-CFilterEngine* CVxHTTPProxyImpl::GetFilterEngine() { return &filterEngine_; }
+CFilterEngineImpl* CVxHTTPProxyImpl::GetFilterEngine() { return &filterEngine_; }
 CHeaderManager* CVxHTTPProxyImpl::GetHeaderManager() { return headerManager_; }
 bool CVxHTTPProxyImpl::IsFilteringEnabled() { return filteringEnabled_; }
 

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "filter/engine.h"
 #include "platform/winnames.h"
 #include "vxproxy/filterengine.h"
 #include "vxproxy/log.h"
@@ -35,7 +36,8 @@ class CVxHTTPProxyImpl final : public CVxHTTPProxy {
   CSecureXMLParser* GetSettings() override;
   const char* GetMimeType(const char* typeWord) override;
   int GetActiveClientCount() override;
-  CFilterEngine* GetFilterEngine() override;
+  // The engine with its whole interface; the host's slot returns the same object.
+  CFilterEngineImpl* GetFilterEngine() override;
   CHeaderManager* GetHeaderManager() override;
   bool IsFilteringEnabled() override;
   bool EnableFiltering(bool enable) override;
@@ -114,7 +116,7 @@ class CVxHTTPProxyImpl final : public CVxHTTPProxy {
   std::atomic<int> traceMode_;
   CProxyManager* clients_;
   CHeaderManager* headerManager_;
-  CFilterEngine filterEngine_;
+  CFilterEngineImpl filterEngine_;
   std::atomic<unsigned> filteredRequests_;
   std::atomic<unsigned> blockedImages_;
   std::atomic<unsigned> blockedFlash_;

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "core/typewords.h"
-#include "vxproxy/filterengine.h"
+#include "filter/engine.h"
 
 namespace vxfilter {
 namespace {
@@ -93,7 +93,7 @@ class Checker {
   }
 
  private:
-  CFilterEngine engine_;
+  CFilterEngineImpl engine_;
   std::map<std::string, std::string> typeWords_;
   std::string host_;
   std::string target_;

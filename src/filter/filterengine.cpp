@@ -1,4 +1,4 @@
-#include "vxproxy/filterengine.h"
+#include "filter/engine.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -108,20 +108,20 @@ std::string Lowered(std::string_view text) {
 
 }  // namespace
 
-CFilterEngine::CFilterEngine() : version_(kInitialVersion) {}
+CFilterEngineImpl::CFilterEngineImpl() : version_(kInitialVersion) {}
 
-CFilterEngine::~CFilterEngine() = default;
+CFilterEngineImpl::~CFilterEngineImpl() = default;
 
-void CFilterEngine::SetErrorReporter(ErrorReporter report, void* context) {
+void CFilterEngineImpl::SetErrorReporter(ErrorReporter report, void* context) {
   report_ = report;
   reportContext_ = context;
 }
 
-void CFilterEngine::ReportError(const char* message, const char* detail) const {
+void CFilterEngineImpl::ReportError(const char* message, const char* detail) const {
   if (report_ != nullptr) report_(reportContext_, message, detail);
 }
 
-bool CFilterEngine::SetFiltersFile(const char* path) {
+bool CFilterEngineImpl::SetFiltersFile(const char* path) {
   if (path == nullptr) return false;
   File file(path);
   if (file.get() == nullptr) {
@@ -132,7 +132,7 @@ bool CFilterEngine::SetFiltersFile(const char* path) {
   return true;
 }
 
-bool CFilterEngine::LoadFilters() {
+bool CFilterEngineImpl::LoadFilters() {
   // The old tables are emptied like ClearRules does, but their storage is
   // kept for the new ones.
   std::unique_ptr<RuleIndex> index = std::move(filters_);
@@ -163,9 +163,9 @@ bool CFilterEngine::LoadFilters() {
   return complete;
 }
 
-void CFilterEngine::ClearRules() { filters_.reset(); }
+void CFilterEngineImpl::ClearRules() { filters_.reset(); }
 
-bool CFilterEngine::LoadUserApprovedList(const char* path) {
+bool CFilterEngineImpl::LoadUserApprovedList(const char* path) {
   approved_.reset();
   if (path == nullptr) return true;
   File file(path);
@@ -184,12 +184,12 @@ bool CFilterEngine::LoadUserApprovedList(const char* path) {
   return complete;
 }
 
-bool CFilterEngine::IsDomainRuleHost(const char* host) {
+bool CFilterEngineImpl::IsDomainRuleHost(const char* host) {
   if (host == nullptr || !filters_) return false;
   return filters_->HasExactKey(vxfilter::kAdServerExact, host);
 }
 
-int CFilterEngine::CheckRequest(std::string host, std::string path, std::string typeWord,
+int CFilterEngineImpl::CheckRequest(std::string host, std::string path, std::string typeWord,
                                 std::map<std::string, std::string> headers,
                                 bool skipExceptionTypeCheck) const {
   FilterRequestInfo request;
@@ -201,7 +201,7 @@ int CFilterEngine::CheckRequest(std::string host, std::string path, std::string 
   return CheckRequest(request);
 }
 
-int CFilterEngine::CheckRequest(const FilterRequestInfo& info) const {
+int CFilterEngineImpl::CheckRequest(const FilterRequestInfo& info) const {
   try {
     const vxfilter::FilterRequest request(info.host, info.path, info.typeWord, info.referer,
                                           info.skipExceptionTypeCheck);

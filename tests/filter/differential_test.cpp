@@ -43,7 +43,7 @@ class SharedCorpus : public ::testing::Test {
   // Both load the same files and check every request with and without the
   // exception type check; returns the engine's verdict counts.
   std::map<int, int> Compare(const std::string& list, const std::string& approved) {
-    CFilterEngine engine;
+    CFilterEngineImpl engine;
     reference::ReferenceFilter literal;
     EXPECT_TRUE(engine.SetFiltersFile(list.c_str()) && engine.LoadFilters());
     EXPECT_TRUE(literal.LoadFilters(list));
@@ -97,7 +97,7 @@ TEST_F(SharedCorpus, SameVerdictsWithTheExceptionsAsApprovedList) {
 
 TEST_F(SharedCorpus, EightThreadsGetTheSingleThreadedVerdicts) {
   constexpr int kThreads = 8;
-  CFilterEngine engine;
+  CFilterEngineImpl engine;
   std::atomic<int> errors{0};
   engine.SetErrorReporter(
       [](void* count, const char*, const char*) { ++*static_cast<std::atomic<int>*>(count); }, &errors);

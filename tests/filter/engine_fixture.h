@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "filter/engine.h"
 #include "support/tempdir.h"
-#include "vxproxy/filterengine.h"
 
 // The check ended with an error line and let the request pass.
 constexpr int Failed = -1;
@@ -69,7 +69,7 @@ class EngineTest : public ::testing::Test {
   }
 
   TempDir dir_;
-  std::optional<CFilterEngine> engine_;
+  std::optional<CFilterEngineImpl> engine_;
   std::vector<std::string> errors_;
 };
 
