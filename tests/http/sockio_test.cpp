@@ -147,15 +147,6 @@ TEST_F(SocketPrimitives, ForwardBodySendsTheBufferThenReadsWhatTheLengthStillNee
   }
 }
 
-TEST_F(SocketPrimitives, DiscardBodyDropsTheAnnouncedLength) {
-  TestRequest& r = MakeRequest();
-  r.contentLength_ = 8;
-  r.receiveBuffer_.AddString("abc", 3);
-  SendAllBytes(pair_->client, "defghNEXT");
-  EXPECT_EQ(r.DiscardBody(r.clientSocket_), 8);
-  EXPECT_EQ(Drain(r.clientSocket_, 200), "NEXT");
-}
-
 TEST_F(SocketPrimitives, TunnelEndsAfterAnIdlePeriod) {
   TestRequest& r = MakeRequest();
   SocketPair upstream;
