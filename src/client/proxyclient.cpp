@@ -1,13 +1,13 @@
 #include "client/proxyclient.h"
 
 #include "client/proxymanager.h"
+#include "core/service.h"
+#include "filter/engine.h"
 #include "http/chunkparser.h"
 #include "http/internal.h"
 #include "http/urlparser.h"
 #include "log/levels.h"
 #include "probe/headermanager.h"
-#include "vxproxy/filterengine.h"
-#include "core/service.h"
 
 const CProxyClient::HandlerRow CProxyClient::kHandlers[3] = {
     {kSchemeHttp, &CProxyClient::HandleHttp},

@@ -4,11 +4,11 @@
 #include <cstring>
 
 #include "client/proxymanager.h"
+#include "core/service.h"
+#include "filter/engine.h"
 #include "http/urlparser.h"
 #include "log/levels.h"
 #include "platform/platform.h"
-#include "vxproxy/filterengine.h"
-#include "core/service.h"
 
 namespace {
 
