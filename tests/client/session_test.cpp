@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -287,28 +288,41 @@ TEST_F(Session, ManyConcurrentConnections) {
   EXPECT_EQ(served.load(), kClients);
 }
 
-TEST_F(Session, EachBlockNotifiesTheHostOnceAndAPassNever) {
+TEST_F(Session, EachBlockNotifiesAWaitingHostOnceAndAPassNever) {
+  // Four browsers post side by side while a host thread waits on its window.
+  constexpr int kClients = 4;
   constexpr UINT kMessage = 0x8002;
   HWND window = os::CreateWindowQueue();
   proxy_->AddNotifyTarget(window, 0, kMessage, kEventRequestBlocked, true);
-  RawClient client;
-  ASSERT_TRUE(Connect(client));
-  // Blocked on the request, blocked on the response's type, passed.
-  for (const char* path : {"/banner/a.gif", "/banner/pic", "/fine.html"}) {
-    ASSERT_TRUE(client.Send(Get(path)));
-    ASSERT_FALSE(client.ReceiveResponse(kWaitMs).empty()) << path;
+  std::atomic<int> received{0};
+  std::atomic<int> wrong{0};
+  std::thread host([&] {
+    MSG msg;
+    while (os::WaitMessage(window, &msg, -1)) {  // ends when the window goes
+      if (msg.message != kMessage || msg.wParam != 1 || msg.lParam != 0) ++wrong;
+      ++received;
+    }
+  });
+  std::vector<std::thread> browsers;
+  for (int c = 0; c < kClients; ++c) {
+    browsers.emplace_back([&, c] {
+      RawClient client;
+      if (!Connect(client)) return;
+      // Blocked on the request, blocked on the response's type, passed.
+      const std::string image = "/banner/" + std::to_string(c) + ".gif";
+      for (const std::string& path : {image, std::string("/banner/pic"), std::string("/fine.html")}) {
+        if (!client.Send(Get(path)) || client.ReceiveResponse(kWaitMs).empty()) return;
+      }
+    });
   }
-  // The block is announced before its reply is sent.
-  MSG msg;
-  int count = 0;
-  for (; os::WaitMessage(window, &msg, 100); ++count) {
-    EXPECT_EQ(msg.message, kMessage);
-    EXPECT_EQ(msg.wParam, 1u);
-    EXPECT_EQ(msg.lParam, 0);
-  }
-  EXPECT_EQ(count, 2);
+  for (std::thread& t : browsers) t.join();
+  // The block is announced before its reply is sent: all have arrived.
+  EXPECT_TRUE(WaitUntil([&] { return received == 2 * kClients; }, kWaitMs));
   proxy_->RemoveNotifyTarget(window, 0, kMessage);
   os::DestroyWindowQueue(window);
+  host.join();
+  EXPECT_EQ(received.load(), 2 * kClients);
+  EXPECT_EQ(wrong.load(), 0);
 }
 
 TEST_F(Session, StopEndsIdleAndBusyConnectionsPromptly) {
