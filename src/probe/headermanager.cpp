@@ -8,12 +8,11 @@
 #include <vector>
 
 #include "core/service.h"
+#include "http/urlparser.h"
 #include "log/levels.h"
 #include "platform/platform.h"
 
 namespace {
-
-constexpr unsigned short kDefaultHttpPort = 80;
 
 std::string_view Trim(std::string_view text) {
   const std::size_t begin = text.find_first_not_of(" \t\r\n");
@@ -122,12 +121,10 @@ void CHeaderManager::Enqueue(CStringBuffer host, unsigned short port, CStringBuf
   request += "HEAD ";
   if (via) {
     // A proxy needs the absolute form.
-    request += "http://";
-    request += host.GetBuffer();
-    if (port != 0 && port != kDefaultHttpPort) {
-      request += ':';
-      request += std::to_string(port);
-    }
+    CStringBuffer origin("http://");
+    origin << host.GetBuffer();
+    AppendPort(origin, port);
+    request += origin.GetBuffer();
   }
   request += path.GetBuffer();
   request += " HTTP/1.0\r\n";
