@@ -1,6 +1,5 @@
-// Logging: file sinks with level masks and a size limit, the process-wide
-// registry of sinks by number, and the memory logs that build one line at a
-// time and hand it to a sink in one locked write.
+// Logging: file sinks with level masks and a size limit, and the memory logs
+// that build one line at a time and hand it to a sink in one locked write.
 //
 // A line reads:  memlog << CLogManip(kLevelInfo) << "text" << value << lend;
 //
@@ -12,7 +11,6 @@
 
 #include <atomic>
 #include <cstdio>
-#include <map>
 
 #include "vxproxy/stringbuffer.h"
 #include "vxproxy/threads.h"
@@ -86,29 +84,6 @@ class CLog {
   CStringBuffer fileName_;
   std::atomic<bool> enabled_;
   std::atomic<bool> open_;
-};
-
-// The registry of logs by number; one per process, created on first use.
-class CLogManager {
- public:
-  CLogManager();
-  static CLogManager* Instance();
-
-  virtual ~CLogManager();                                           // 0
-  // Replaces the log under number by a new one on path; a file that cannot
-  // be opened leaves no log under that number. Returns true.
-  virtual bool CreateLog(int number, const char* path);             // 1
-  virtual CLog* GetLog(int number);                                 // 2
-  virtual void Reserved3();                                         // 3
-  virtual void Reserved4();                                         // 4
-  virtual void DeleteAll();                                         // 5
-
-  CLogManager(const CLogManager&) = delete;
-  CLogManager& operator=(const CLogManager&) = delete;
-
- private:
-  std::map<int, CLog*> logs_;
-  CCriticalSectionEx lock_;
 };
 
 // A level carried into a stream expression.

@@ -8,6 +8,7 @@
 #include "client/proxymanager.h"
 #include "core/typewords.h"
 #include "log/levels.h"
+#include "log/logmanager.h"
 #include "platform/platform.h"
 #include "probe/headermanager.h"
 #include "vxproxy/files.h"

@@ -1,5 +1,5 @@
 // The registry of log sinks by number, and the level manipulators.
-#include "vxproxy/log.h"
+#include "log/logmanager.h"
 
 CLogManager::CLogManager() = default;
 

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <vector>
 
+#include "log/logmanager.h"
 #include "support/vtable.h"
 #include "vxproxy/log.h"
 

@@ -6,6 +6,7 @@
 #include <thread>
 #include <vector>
 
+#include "log/logmanager.h"
 #include "support/tempdir.h"
 #include "vxproxy/log.h"
 
