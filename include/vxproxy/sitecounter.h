@@ -1,16 +1,14 @@
 // Statistics: per-site counts of blocked requests (siteinfo.log) and the
 // global counters shared between processes (sitecounter.xml). The host reads
 // them through the site counter's virtual operations, whose order is part of
-// the host interface.
+// the host interface. The counter belongs to the service object, which hands
+// it out; its state and the module's own operations live in the module.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <map>
-#include <memory>
 #include <string>
 
-#include "vxproxy/threads.h"
 #include "vxproxy/types.h"
 #include "vxproxy/xmlstore.h"
 
@@ -21,55 +19,33 @@ struct CSiteList {
   std::uint64_t total = 0;
 };
 
-class CGlobalCounter;
-
+// Slots 0 to 42 are those of the site document (CSecureXMLParser); the
+// counter replaces two of them, under its own lock, and adds 43 to 54.
 class CSiteCounter : public CSecureXMLParser {
  public:
-  CSiteCounter();
-  // Saves the global counters; counts added since siteinfo.log was last
-  // stored are not written.
   ~CSiteCounter() override;
 
-  void Destroy() override;                                                    // 3
+  void Destroy() override = 0;                                                // 3
   using CSecureXMLParser::Store;
-  int Store(const char* path) override;                                       // 38
-  virtual void ClearSites();                                                  // 43
-  virtual std::uint64_t GetSiteHistory();                                     // 44
-  virtual CSiteList* GetSites();                                              // 45
-  virtual void FreeSites(CSiteList* list);                                    // 46
-  virtual std::uint64_t GetSitesCounter();                                    // 47
-  virtual std::uint64_t GetHistory();                                         // 48
-  virtual std::uint64_t GetRequestHistory();                                  // 49
-  virtual void AddRequests(int n);                                            // 50
-  virtual void AddBytes(unsigned long sent, unsigned long received);          // 51
-  virtual void AddAdSize(std::uint64_t size);                                 // 52
-  virtual void GetBytes(std::uint64_t* sent, std::uint64_t* received, std::uint64_t* adSize);  // 53
-  virtual std::int64_t GetStatStartTime();                                    // 54
+  int Store(const char* path) override = 0;                                   // 38
+  virtual void ClearSites() = 0;                                              // 43
+  virtual std::uint64_t GetSiteHistory() = 0;                                 // 44
+  virtual CSiteList* GetSites() = 0;                                          // 45
+  virtual void FreeSites(CSiteList* list) = 0;                                // 46
+  virtual std::uint64_t GetSitesCounter() = 0;                                // 47
+  virtual std::uint64_t GetHistory() = 0;                                     // 48
+  virtual std::uint64_t GetRequestHistory() = 0;                              // 49
+  virtual void AddRequests(int n) = 0;                                        // 50
+  virtual void AddBytes(unsigned long sent, unsigned long received) = 0;      // 51
+  virtual void AddAdSize(std::uint64_t size) = 0;                             // 52
+  virtual void GetBytes(std::uint64_t* sent, std::uint64_t* received, std::uint64_t* adSize) = 0;  // 53
+  virtual std::int64_t GetStatStartTime() = 0;                                // 54
 
-  // siteinfo.log; site counting is on only when it opened.
-  bool Open(const char* path);
-  // sitecounter.xml.
-  bool OpenGlobal(const char* path);
-  // Counts one blocked request for the site (the element name, as given).
-  void AddSite(const char* site);
-  // Switching off stores siteinfo.log first.
-  void SetLoaded(bool on);
-  bool IsLoaded() const { return loaded_.load(); }
-  // Writes both files when counting is on and the last save is more than a
-  // minute ago.
-  void Save();
+  CSiteCounter(const CSiteCounter&) = delete;
+  CSiteCounter& operator=(const CSiteCounter&) = delete;
 
  protected:
-  // Lets tests stand a minute later without waiting for it.
-  void SetLastSave(vxtime64_t when) { lastSave_.store(when); }
-
- private:
-  std::uint64_t SiteHistory();
-
-  std::atomic<vxtime64_t> lastSave_{0};
-  std::atomic<bool> loaded_{false};
-  CCriticalSectionEx lock_;  // the site document and fileName_
-  std::unique_ptr<CGlobalCounter> global_;
+  CSiteCounter();
 };
 
 // A map from site name to a 32-bit value, offered to hosts by name.

@@ -314,7 +314,7 @@ HMODULE CVxHTTPProxyImpl::SetInstanceHandle(HMODULE instance) {
 
 HMODULE CVxHTTPProxyImpl::GetInstanceHandle() { return instance_; }
 void CVxHTTPProxyImpl::Reserved23() {}
-CSiteCounter* CVxHTTPProxyImpl::GetSiteCounter() { return &siteCounter_; }
+CSiteCounterImpl* CVxHTTPProxyImpl::GetSiteCounter() { return &siteCounter_; }
 void CVxHTTPProxyImpl::SetDataFolder(const char* folder) { dataFolder_ = folder; }
 void CVxHTTPProxyImpl::SetFilterFolder(const char* folder) { filterFolder_ = folder; }
 void CVxHTTPProxyImpl::SetLogFolder(const char* folder) { logFolder_ = folder; }

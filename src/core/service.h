@@ -10,6 +10,7 @@
 
 #include "filter/engine.h"
 #include "platform/winnames.h"
+#include "stats/sitecounterimpl.h"
 #include "vxproxy/filterengine.h"
 #include "vxproxy/log.h"
 #include "vxproxy/proxy.h"
@@ -47,7 +48,8 @@ class CVxHTTPProxyImpl final : public CVxHTTPProxy {
   HMODULE SetInstanceHandle(HMODULE instance) override;
   HMODULE GetInstanceHandle() override;
   void Reserved23() override;
-  CSiteCounter* GetSiteCounter() override;
+  // The counter with its module-side operations; the host's slot returns the same object.
+  CSiteCounterImpl* GetSiteCounter() override;
   void SetDataFolder(const char* folder) override;
   void SetFilterFolder(const char* folder) override;
   void SetLogFolder(const char* folder) override;
@@ -122,7 +124,7 @@ class CVxHTTPProxyImpl final : public CVxHTTPProxy {
   std::atomic<unsigned> blockedFlash_;
   CSecureXMLParser settings_;
   std::vector<NotifyTarget*> notifyTargets_;
-  CSiteCounter siteCounter_;
+  CSiteCounterImpl siteCounter_;
   CStringBuffer dataFolder_;
   CStringBuffer logFolder_;
   CStringBuffer filterFolder_;

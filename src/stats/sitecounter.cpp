@@ -1,4 +1,4 @@
-#include "vxproxy/sitecounter.h"
+#include "stats/sitecounterimpl.h"
 
 #include <string>
 #include <vector>
@@ -22,21 +22,25 @@ int Incremented(int value) { return static_cast<int>(static_cast<unsigned>(value
 
 }  // namespace
 
-CSiteCounter::CSiteCounter() : global_(std::make_unique<CGlobalCounter>()) {}
+CSiteCounter::CSiteCounter() = default;
 
-CSiteCounter::~CSiteCounter() { global_.reset(); }
+CSiteCounter::~CSiteCounter() = default;
 
-void CSiteCounter::Destroy() {
+CSiteCounterImpl::CSiteCounterImpl() : global_(std::make_unique<CGlobalCounter>()) {}
+
+CSiteCounterImpl::~CSiteCounterImpl() { global_.reset(); }
+
+void CSiteCounterImpl::Destroy() {
   CAutoSync guard(lock_);
   CSecureXMLParser::Destroy();
 }
 
-int CSiteCounter::Store(const char* path) {
+int CSiteCounterImpl::Store(const char* path) {
   CAutoSync guard(lock_);
   return CSecureXMLParser::Store(path);
 }
 
-bool CSiteCounter::Open(const char* path) {
+bool CSiteCounterImpl::Open(const char* path) {
   CAutoSync guard(lock_);
   loaded_.store(false);
   const std::string name(path ? path : "");
@@ -49,11 +53,11 @@ bool CSiteCounter::Open(const char* path) {
   return opened;
 }
 
-bool CSiteCounter::OpenGlobal(const char* path) { return global_->Open(path); }
+bool CSiteCounterImpl::OpenGlobal(const char* path) { return global_->Open(path); }
 
 // The running count of blocked requests that survives clearing the site list:
 // Global/History, or Global/Counter while no History was written yet.
-std::uint64_t CSiteCounter::SiteHistory() {
+std::uint64_t CSiteCounterImpl::SiteHistory() {
   CVxXMLElement global = GetNodeByName("Global");
   if (!global.IsFound()) return 0;
   const std::string history = ValueText(*this, global, "./History");
@@ -61,7 +65,7 @@ std::uint64_t CSiteCounter::SiteHistory() {
   return ReadU64(*this, global, "./Counter");
 }
 
-void CSiteCounter::AddSite(const char* site) {
+void CSiteCounterImpl::AddSite(const char* site) {
   global_->IncHistory();
   if (!loaded_.load() || site == nullptr) return;
   CAutoSync guard(lock_);
@@ -81,7 +85,7 @@ void CSiteCounter::AddSite(const char* site) {
   Save();
 }
 
-void CSiteCounter::ClearSites() {
+void CSiteCounterImpl::ClearSites() {
   CAutoSync guard(lock_);
   const std::uint64_t history = SiteHistory();
   Parse(vxstats::kBlankDocument);
@@ -90,13 +94,13 @@ void CSiteCounter::ClearSites() {
   Store(fileName_.GetBuffer());
 }
 
-std::uint64_t CSiteCounter::GetSiteHistory() {
+std::uint64_t CSiteCounterImpl::GetSiteHistory() {
   CAutoSync guard(lock_);
   CVxXMLElement global = GetNodeByName("Global");
   return global.IsFound() ? ReadU64(*this, global, "./History") : 0;
 }
 
-CSiteList* CSiteCounter::GetSites() {
+CSiteList* CSiteCounterImpl::GetSites() {
   CAutoSync guard(lock_);
   auto* list = new CSiteList;
   std::vector<CVxXMLElement> sites;
@@ -113,33 +117,33 @@ CSiteList* CSiteCounter::GetSites() {
   return list;
 }
 
-void CSiteCounter::FreeSites(CSiteList* list) { delete list; }
+void CSiteCounterImpl::FreeSites(CSiteList* list) { delete list; }
 
-std::uint64_t CSiteCounter::GetSitesCounter() {
+std::uint64_t CSiteCounterImpl::GetSitesCounter() {
   CAutoSync guard(lock_);
   CVxXMLElement global = GetNodeByName("Global");
   return global.IsFound() ? ReadU64(*this, global, "./Counter") : 0;
 }
 
-std::uint64_t CSiteCounter::GetHistory() { return global_->GetHistory(); }
-std::uint64_t CSiteCounter::GetRequestHistory() { return global_->GetRequestHistory(); }
+std::uint64_t CSiteCounterImpl::GetHistory() { return global_->GetHistory(); }
+std::uint64_t CSiteCounterImpl::GetRequestHistory() { return global_->GetRequestHistory(); }
 
-void CSiteCounter::AddRequests(int n) {
+void CSiteCounterImpl::AddRequests(int n) {
   global_->AddRequests(n);
   Save();
 }
 
-void CSiteCounter::AddBytes(unsigned long sent, unsigned long received) {
+void CSiteCounterImpl::AddBytes(unsigned long sent, unsigned long received) {
   global_->AddBytes(sent, received);
   Save();
 }
 
-void CSiteCounter::AddAdSize(std::uint64_t size) {
+void CSiteCounterImpl::AddAdSize(std::uint64_t size) {
   global_->AddAdSize(size);
   Save();
 }
 
-void CSiteCounter::GetBytes(std::uint64_t* sent, std::uint64_t* received, std::uint64_t* adSize) {
+void CSiteCounterImpl::GetBytes(std::uint64_t* sent, std::uint64_t* received, std::uint64_t* adSize) {
   std::uint64_t s = 0, r = 0, a = 0;
   global_->GetBytes(s, r, a);
   if (sent) *sent = s;
@@ -147,9 +151,9 @@ void CSiteCounter::GetBytes(std::uint64_t* sent, std::uint64_t* received, std::u
   if (adSize) *adSize = a;
 }
 
-std::int64_t CSiteCounter::GetStatStartTime() { return global_->GetStatStartTime(); }
+std::int64_t CSiteCounterImpl::GetStatStartTime() { return global_->GetStatStartTime(); }
 
-void CSiteCounter::SetLoaded(bool on) {
+void CSiteCounterImpl::SetLoaded(bool on) {
   if (!on) {
     CAutoSync guard(lock_);
     Store(fileName_.GetBuffer());
@@ -157,7 +161,7 @@ void CSiteCounter::SetLoaded(bool on) {
   loaded_.store(on);
 }
 
-void CSiteCounter::Save() {
+void CSiteCounterImpl::Save() {
   if (!loaded_.load()) return;
   const vxtime64_t now = os::Time64();
   vxtime64_t last = lastSave_.load();

@@ -1,4 +1,4 @@
-#include "vxproxy/sitecounter.h"
+#include "stats/sitecounterimpl.h"
 
 #include <gtest/gtest.h>
 
@@ -15,7 +15,7 @@
 
 namespace {
 
-struct TestSiteCounter : CSiteCounter {
+struct TestSiteCounter : CSiteCounterImpl {
   void AMinuteLater() { SetLastSave(os::Time64() - 60); }
 };
 
@@ -31,7 +31,7 @@ long long FileValue(const std::string& file, const char* path) {
 
 class SiteCounterFiles : public ::testing::Test {
  protected:
-  void OpenBoth(CSiteCounter& counter) {
+  void OpenBoth(CSiteCounterImpl& counter) {
     ASSERT_TRUE(counter.Open(sites_.c_str()));
     ASSERT_TRUE(counter.OpenGlobal(global_.c_str()));
   }
