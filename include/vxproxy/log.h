@@ -9,11 +9,7 @@
 // built against these headers alone can write lines.
 #pragma once
 
-#include <atomic>
-#include <cstdio>
-
 #include "vxproxy/stringbuffer.h"
-#include "vxproxy/threads.h"
 #include "vxproxy/types.h"
 
 // Log levels are bit values and a mask is an OR of them; a line passes when
@@ -26,64 +22,41 @@ constexpr int kLevelDebug = 8;
 constexpr int kLevelVerbose = 16;
 constexpr int kLevelHead = 32;
 
-// One log file.
+// One log file. The sinks are built inside the module (the service's own log
+// and the registry's numbered logs); a host only calls their operations.
 class CLog {
  public:
-  // A null path gives a log that is never open and drops every write.
-  CLog(const char* path, int number);
-  virtual ~CLog();                                                  // 0
-  virtual void Printf(int level, const char* format, ...);          // 1
-  virtual void Write(int level, const char* data, int length);      // 2
-  virtual bool IsOpen();                                            // 3
-  virtual bool IsLevelEnabled(int level);                           // 4
-  virtual CLog& operator<<(CLog& (*manip)(CLog&));                  // 5
-  virtual CLog& operator<<(unsigned long value);                    // 6
-  virtual CLog& operator<<(unsigned short value);                   // 7
-  virtual CLog& operator<<(int value);                              // 8
-  virtual CLog& operator<<(const char* text);                       // 9
-  virtual bool IsOpen() const;                                      // 10
-  virtual int SetLevel(int level);                                  // 11
-  virtual int SetLevelMask(int mask);                               // 12
-  virtual int GetLevelMask();                                       // 13
-  virtual int SetFlushThreshold(int bytes);                         // 14
-  virtual void ReadAll(CStringBuffer& out);                         // 15
-  virtual void Flush();                                             // 16
-  virtual void Clear();                                             // 17
-  virtual void SetEnabled(bool enabled);                            // 18
-  virtual bool IsEnabled();                                         // 19
-  virtual void SetMaxSize(unsigned long bytes);                     // 20
-  virtual unsigned long GetMaxSize();                               // 21
-  virtual bool Open(const char* path);                              // 22
-  virtual const char* GetFileName();                                // 23
-  virtual void WriteBuffer(CStringBuffer& buffer);                  // 24
-
-  int GetNumber() const { return number_; }
+  virtual ~CLog();                                                      // 0
+  virtual void Printf(int level, const char* format, ...) = 0;          // 1
+  virtual void Write(int level, const char* data, int length) = 0;      // 2
+  virtual bool IsOpen() = 0;                                            // 3
+  virtual bool IsLevelEnabled(int level) = 0;                           // 4
+  virtual CLog& operator<<(CLog& (*manip)(CLog&)) = 0;                  // 5
+  virtual CLog& operator<<(unsigned long value) = 0;                    // 6
+  virtual CLog& operator<<(unsigned short value) = 0;                   // 7
+  virtual CLog& operator<<(int value) = 0;                              // 8
+  virtual CLog& operator<<(const char* text) = 0;                       // 9
+  virtual bool IsOpen() const = 0;                                      // 10
+  virtual int SetLevel(int level) = 0;                                  // 11
+  virtual int SetLevelMask(int mask) = 0;                               // 12
+  virtual int GetLevelMask() = 0;                                       // 13
+  virtual int SetFlushThreshold(int bytes) = 0;                         // 14
+  virtual void ReadAll(CStringBuffer& out) = 0;                         // 15
+  virtual void Flush() = 0;                                             // 16
+  virtual void Clear() = 0;                                             // 17
+  virtual void SetEnabled(bool enabled) = 0;                            // 18
+  virtual bool IsEnabled() = 0;                                         // 19
+  virtual void SetMaxSize(unsigned long bytes) = 0;                     // 20
+  virtual unsigned long GetMaxSize() = 0;                               // 21
+  virtual bool Open(const char* path) = 0;                              // 22
+  virtual const char* GetFileName() = 0;                                // 23
+  virtual void WriteBuffer(CStringBuffer& buffer) = 0;                  // 24
 
   CLog(const CLog&) = delete;
   CLog& operator=(const CLog&) = delete;
 
- private:
-  void OpenForAppend();
-  void CloseStream();
-  void WriteLocked(const char* data, int length);
-  void CheckSize();
-
-  // The stream is replaced only under lock_. open_ says whether the log is
-  // open for its callers: it stays set while a trim or a read briefly closes
-  // and re-opens the stream, so no write is dropped for that moment.
-  std::FILE* stream_;
-  CCriticalSectionEx lock_;
-  std::atomic<int> level_;
-  std::atomic<int> levelMask_;
-  std::atomic<int> flushThreshold_;
-  int number_;
-  std::atomic<unsigned long> fileSize_;
-  unsigned long maxSize_;
-  unsigned long trimStep_;
-  unsigned long keepFactor_;
-  CStringBuffer fileName_;
-  std::atomic<bool> enabled_;
-  std::atomic<bool> open_;
+ protected:
+  CLog() = default;
 };
 
 // A level carried into a stream expression.

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "filter/engine.h"
+#include "log/logimpl.h"
 #include "platform/winnames.h"
 #include "stats/sitecounterimpl.h"
 #include "vxproxy/filterengine.h"
@@ -109,7 +110,7 @@ class CVxHTTPProxyImpl final : public CVxHTTPProxy {
   std::atomic<SOCKET> listenSocket_;  // read by the accept loop on every pass
   std::map<std::string, std::string> mimeTable_;
   std::map<std::string, std::string> typeWordTable_;
-  CLog ownLog_;
+  CLogImpl ownLog_;
   unsigned short port_;
   std::atomic<bool> filteringEnabled_;  // may change while workers read it
   CStringBuffer upstreamHost_;

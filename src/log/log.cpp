@@ -3,9 +3,9 @@
 #include <cstdarg>
 #include <cstring>
 
+#include "log/logimpl.h"
 #include "platform/platform.h"
 #include "vxproxy/files.h"
-#include "vxproxy/log.h"
 
 namespace {
 
@@ -100,7 +100,9 @@ void FormatLogText(const char* format, va_list args, CStringBuffer& out) {
 
 }  // namespace
 
-CLog::CLog(const char* path, int number)
+CLog::~CLog() = default;
+
+CLogImpl::CLogImpl(const char* path, int number)
     : stream_(nullptr),
       level_(0),
       levelMask_(-1),
@@ -115,13 +117,13 @@ CLog::CLog(const char* path, int number)
   if (path != nullptr) Open(path);
 }
 
-CLog::~CLog() {
+CLogImpl::~CLogImpl() {
   CAutoSync guard(lock_);
   CloseStream();
   open_ = false;
 }
 
-void CLog::OpenForAppend() {
+void CLogImpl::OpenForAppend() {
   CloseStream();
   if (fileName_.GetSize() > 0) {
     // Append mode: every write lands at the end even when another process
@@ -132,7 +134,7 @@ void CLog::OpenForAppend() {
   open_ = stream_ != nullptr;
 }
 
-void CLog::CloseStream() {
+void CLogImpl::CloseStream() {
   if (stream_ != nullptr) {
     std::fflush(stream_);
     std::fclose(stream_);
@@ -140,7 +142,7 @@ void CLog::CloseStream() {
   }
 }
 
-void CLog::WriteLocked(const char* data, int length) {
+void CLogImpl::WriteLocked(const char* data, int length) {
   if (stream_ == nullptr) return;
   if (length > 0) {
     fileSize_ += static_cast<unsigned long>(length);
@@ -152,7 +154,7 @@ void CLog::WriteLocked(const char* data, int length) {
 
 // Keeps the file under maxSize_ by cutting its oldest lines once it has grown
 // a trim step past the limit. Runs under lock_.
-void CLog::CheckSize() {
+void CLogImpl::CheckSize() {
   if (fileSize_ < maxSize_ + trimStep_) return;
   long long keep = static_cast<long long>(maxSize_) - static_cast<long long>(keepFactor_ * trimStep_);
   if (keep < 0) keep = static_cast<long long>(trimStep_);
@@ -177,7 +179,7 @@ void CLog::CheckSize() {
   OpenForAppend();
 }
 
-void CLog::Printf(int level, const char* format, ...) {
+void CLogImpl::Printf(int level, const char* format, ...) {
   if (format == nullptr || !IsLevelEnabled(level)) return;
   CStringBuffer text;
   va_list args;
@@ -188,20 +190,20 @@ void CLog::Printf(int level, const char* format, ...) {
   WriteLocked(text.GetBuffer(), text.GetSize());
 }
 
-void CLog::Write(int level, const char* data, int length) {
+void CLogImpl::Write(int level, const char* data, int length) {
   if (data == nullptr || length < 0 || !IsLevelEnabled(level)) return;
   CAutoSync guard(lock_);
   WriteLocked(data, length);
 }
 
-bool CLog::IsOpen() { return open_; }
+bool CLogImpl::IsOpen() { return open_; }
 
-bool CLog::IsLevelEnabled(int level) {
+bool CLogImpl::IsLevelEnabled(int level) {
   if (!open_ || !enabled_) return false;
   return level == 0 || (level & levelMask_) == level;
 }
 
-CLog& CLog::operator<<(CLog& (*manip)(CLog&)) {
+CLog& CLogImpl::operator<<(CLog& (*manip)(CLog&)) {
   if (IsOpen() && manip != nullptr) return manip(*this);
   return *this;
 }
@@ -209,28 +211,28 @@ CLog& CLog::operator<<(CLog& (*manip)(CLog&)) {
 // The stream-style writes append without a flush and without a size check;
 // Flush or the next locked write completes them. They still take the lock,
 // only so that a trim on another thread cannot close the stream under them.
-CLog& CLog::operator<<(unsigned long value) {
+CLog& CLogImpl::operator<<(unsigned long value) {
   if (!IsLevelEnabled(level_)) return *this;
   CStringBuffer text;
   text << value;
   return *this << text.GetBuffer();
 }
 
-CLog& CLog::operator<<(unsigned short value) {
+CLog& CLogImpl::operator<<(unsigned short value) {
   if (!IsLevelEnabled(level_)) return *this;
   CStringBuffer text;
   text << value;
   return *this << text.GetBuffer();
 }
 
-CLog& CLog::operator<<(int value) {
+CLog& CLogImpl::operator<<(int value) {
   if (!IsLevelEnabled(level_)) return *this;
   CStringBuffer text;
   text << value;
   return *this << text.GetBuffer();
 }
 
-CLog& CLog::operator<<(const char* text) {
+CLog& CLogImpl::operator<<(const char* text) {
   if (text == nullptr || !IsLevelEnabled(level_)) return *this;
   const std::size_t length = std::strlen(text);
   CAutoSync guard(lock_);
@@ -240,17 +242,17 @@ CLog& CLog::operator<<(const char* text) {
   return *this;
 }
 
-bool CLog::IsOpen() const { return open_; }
+bool CLogImpl::IsOpen() const { return open_; }
 
-int CLog::SetLevel(int level) { return level_ = level; }
+int CLogImpl::SetLevel(int level) { return level_ = level; }
 
-int CLog::SetLevelMask(int mask) { return levelMask_ = mask; }
+int CLogImpl::SetLevelMask(int mask) { return levelMask_ = mask; }
 
-int CLog::GetLevelMask() { return levelMask_; }
+int CLogImpl::GetLevelMask() { return levelMask_; }
 
-int CLog::SetFlushThreshold(int bytes) { return flushThreshold_ = bytes; }
+int CLogImpl::SetFlushThreshold(int bytes) { return flushThreshold_ = bytes; }
 
-void CLog::ReadAll(CStringBuffer& out) {
+void CLogImpl::ReadAll(CStringBuffer& out) {
   out.Initialize();
   CAutoSync guard(lock_);
   CloseStream();
@@ -264,12 +266,12 @@ void CLog::ReadAll(CStringBuffer& out) {
   OpenForAppend();
 }
 
-void CLog::Flush() {
+void CLogImpl::Flush() {
   CAutoSync guard(lock_);
   if (stream_ != nullptr) std::fflush(stream_);
 }
 
-void CLog::Clear() {
+void CLogImpl::Clear() {
   CAutoSync guard(lock_);
   CloseStream();
   // When the file cannot be deleted the old one is simply opened again.
@@ -277,11 +279,11 @@ void CLog::Clear() {
   OpenForAppend();
 }
 
-void CLog::SetEnabled(bool enabled) { enabled_ = enabled; }
+void CLogImpl::SetEnabled(bool enabled) { enabled_ = enabled; }
 
-bool CLog::IsEnabled() { return enabled_; }
+bool CLogImpl::IsEnabled() { return enabled_; }
 
-void CLog::SetMaxSize(unsigned long bytes) {
+void CLogImpl::SetMaxSize(unsigned long bytes) {
   CAutoSync guard(lock_);
   maxSize_ = bytes < kMaxSizeLimit ? bytes : kMaxSizeLimit;
   keepFactor_ = maxSize_ < kDefaultMaxSize ? kSmallLogKeepFactor : kDefaultKeepFactor;
@@ -289,12 +291,12 @@ void CLog::SetMaxSize(unsigned long bytes) {
   if (stream_ != nullptr) CheckSize();
 }
 
-unsigned long CLog::GetMaxSize() {
+unsigned long CLogImpl::GetMaxSize() {
   CAutoSync guard(lock_);
   return maxSize_;
 }
 
-bool CLog::Open(const char* path) {
+bool CLogImpl::Open(const char* path) {
   if (path == nullptr) return false;
   CAutoSync guard(lock_);
   fileName_ = path;
@@ -302,9 +304,9 @@ bool CLog::Open(const char* path) {
   return true;
 }
 
-const char* CLog::GetFileName() { return fileName_.GetBuffer(); }
+const char* CLogImpl::GetFileName() { return fileName_.GetBuffer(); }
 
-void CLog::WriteBuffer(CStringBuffer& buffer) {
+void CLogImpl::WriteBuffer(CStringBuffer& buffer) {
   if (buffer.GetSize() < flushThreshold_) return;
   CAutoSync guard(lock_);
   if (IsLevelEnabled(level_) && stream_ != nullptr) {

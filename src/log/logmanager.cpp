@@ -20,7 +20,7 @@ bool CLogManager::CreateLog(int number, const char* path) {
     delete found->second;
     logs_.erase(found);
   }
-  auto* log = new CLog(path, number);
+  auto* log = new CLogImpl(path, number);
   if (log->IsOpen()) {
     logs_[number] = log;
   } else {
@@ -29,7 +29,7 @@ bool CLogManager::CreateLog(int number, const char* path) {
   return true;
 }
 
-CLog* CLogManager::GetLog(int number) {
+CLogImpl* CLogManager::GetLog(int number) {
   CAutoSync guard(lock_);
   auto found = logs_.find(number);
   return found != logs_.end() ? found->second : nullptr;

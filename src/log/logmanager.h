@@ -4,7 +4,7 @@
 
 #include <map>
 
-#include "vxproxy/log.h"
+#include "log/logimpl.h"
 #include "vxproxy/threads.h"
 
 // The registry of logs by number; one per process, created on first use.
@@ -17,7 +17,7 @@ class CLogManager {
   // Replaces the log under number by a new one on path; a file that cannot
   // be opened leaves no log under that number. Returns true.
   virtual bool CreateLog(int number, const char* path);             // 1
-  virtual CLog* GetLog(int number);                                 // 2
+  virtual CLogImpl* GetLog(int number);                             // 2
   virtual void Reserved3();                                         // 3
   virtual void Reserved4();                                         // 4
   virtual void DeleteAll();                                         // 5
@@ -26,6 +26,6 @@ class CLogManager {
   CLogManager& operator=(const CLogManager&) = delete;
 
  private:
-  std::map<int, CLog*> logs_;
+  std::map<int, CLogImpl*> logs_;
   CCriticalSectionEx lock_;
 };

@@ -42,7 +42,7 @@ TEST_F(LogFile, PrintfFormatRules) {
       {[](CLog& l) { l.Printf(0, "ab%ncd%d", &sentinel, 6); }, "abcd6"},
       {[](CLog& l) { l.Printf(0, "%150d", 1); }, std::string(99, ' ')},  // cut to the buffer
   };
-  CLog log(Path().c_str(), 2);
+  CLogImpl log(Path().c_str(), 2);
   for (const auto& c : cases) {
     log.Clear();
     c.write(log);
@@ -52,7 +52,7 @@ TEST_F(LogFile, PrintfFormatRules) {
 }
 
 TEST_F(LogFile, LevelPassesWhenAllItsBitsAreInTheMask) {
-  CLog log(Path().c_str(), 8);
+  CLogImpl log(Path().c_str(), 8);
   EXPECT_TRUE(log.IsLevelEnabled(32));  // all bits pass by default
   const struct {
     int mask, level;
@@ -73,7 +73,7 @@ TEST_F(LogFile, LevelPassesWhenAllItsBitsAreInTheMask) {
 
 TEST_F(LogFile, AppendsToTheFileNamedWithBackslashes) {
   WriteTextFile(Path(), "old line\r\n");
-  CLog log((dir.str() + "\\test.log").c_str(), 2);
+  CLogImpl log((dir.str() + "\\test.log").c_str(), 2);
   Write(log, "new line\r\n");
   CStringBuffer all;
   log.ReadAll(all);
@@ -86,7 +86,7 @@ TEST_F(LogFile, AppendsToTheFileNamedWithBackslashes) {
 }
 
 TEST_F(LogFile, UnopenableLogDropsEverything) {
-  CLog nowhere((dir / "missing/dir/proxy.log").c_str(), 2);
+  CLogImpl nowhere((dir / "missing/dir/proxy.log").c_str(), 2);
   EXPECT_FALSE(nowhere.IsLevelEnabled(0));
   Write(nowhere, "x");
   nowhere.Printf(0, "y");
@@ -95,11 +95,11 @@ TEST_F(LogFile, UnopenableLogDropsEverything) {
   CStringBuffer out("stale");
   nowhere.ReadAll(out);
   EXPECT_EQ(out.GetSize(), 0);
-  EXPECT_FALSE(CLog(nullptr, 0).Open(nullptr));
+  EXPECT_FALSE(CLogImpl(nullptr, 0).Open(nullptr));
 }
 
 TEST_F(LogFile, StreamStyleWritesAtTheLogsLevel) {
-  CLog log(Path().c_str(), 2);
+  CLogImpl log(Path().c_str(), 2);
   log.SetLevelMask(4);
   log.SetLevel(4);
   log << "port " << static_cast<unsigned short>(7070) << " count " << 12ul << " delta " << -3;
@@ -110,7 +110,7 @@ TEST_F(LogFile, StreamStyleWritesAtTheLogsLevel) {
 }
 
 TEST_F(LogFile, WriteBufferWaitsForTheThresholdAndEmptiesEvenWhenFiltered) {
-  CLog log(Path().c_str(), 4);
+  CLogImpl log(Path().c_str(), 4);
   log.SetFlushThreshold(1024);
   CStringBuffer buffer(std::string(1023, 'a').c_str());
   log.WriteBuffer(buffer);
@@ -148,7 +148,7 @@ class LogTrim : public LogFile, public ::testing::WithParamInterface<TrimCase> {
 
 TEST_P(LogTrim, KeepsOnlyWholeNewestLines) {
   const TrimCase c = GetParam();
-  CLog log(Path().c_str(), 2);
+  CLogImpl log(Path().c_str(), 2);
   if (c.maxSize != 0) log.SetMaxSize(c.maxSize);
   std::string written;
   int n = 0;
@@ -193,7 +193,7 @@ TEST_F(LogFile, TrimKeepsOnlyWholeLinesAfterTheCut) {
   };
   for (const auto& c : cases) {
     WriteTextFile(Path(), c.text);
-    CLog log(Path().c_str(), 2);
+    CLogImpl log(Path().c_str(), 2);
     log.SetMaxSize(1000);
     EXPECT_EQ(Contents(), c.kept);
     EXPECT_TRUE(log.IsOpen());
@@ -201,7 +201,7 @@ TEST_F(LogFile, TrimKeepsOnlyWholeLinesAfterTheCut) {
 }
 
 TEST_F(LogFile, ConcurrentWritersKeepLinesWholeAcrossTrims) {
-  CLog log(Path().c_str(), 2);
+  CLogImpl log(Path().c_str(), 2);
   log.SetMaxSize(20000);
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "log/logimpl.h"
 #include "support/tempdir.h"
 #include "vxproxy/log.h"
 
@@ -19,7 +20,7 @@ bool Matches(const std::string& text, const char* pattern) {
 class MemLogLine : public ::testing::Test {
  protected:
   CLog* Sink(const char* name, int mask) {
-    CLog* log = new CLog((dir / name).c_str(), 0);
+    CLog* log = new CLogImpl((dir / name).c_str(), 0);
     log->SetLevelMask(mask);
     logs_.emplace_back(log);
     return log;
@@ -93,7 +94,7 @@ TEST_F(MemLogLine, AttachCopiesTheMaskAndHandsThePendingLineToTheOldSink) {
 TEST_F(MemLogLine, WithoutAnOpenSinkNothingHappens) {
   CMemLogEx memlog(nullptr);
   memlog << CLogManip(4) << "nowhere" << 1 << lend;
-  CLog closed(nullptr, 0);
+  CLogImpl closed(nullptr, 0);
   memlog.Attach(&closed);
   memlog << CLogManip(4) << "closed" << lend;
   memlog.Attach(Sink("proxy.log", 7));
