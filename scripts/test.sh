@@ -2,7 +2,8 @@
 # Builds everything and runs the whole suite twice (a normal build and an
 # AddressSanitizer + UndefinedBehaviorSanitizer build), then the threaded
 # suites under ThreadSanitizer. Installs missing packages first. Before any
-# build, every public header must compile on its own here and for Windows.
+# build, every public header must compile on its own here and for Windows, and
+# the layers of src/ must include each other without a cycle.
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
 "$root/scripts/deps.sh" chromium g++-mingw-w64-x86-64-posix
@@ -10,6 +11,8 @@ jobs="$(nproc)"
 
 echo "== public headers"
 "$root/scripts/headers.sh"
+echo "== layers"
+"$root/scripts/layers.sh" --check
 
 run_suite() {
   local flavour="$1"; shift

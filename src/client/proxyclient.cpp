@@ -1,7 +1,8 @@
 #include "client/proxyclient.h"
 
 #include "client/proxymanager.h"
-#include "core/service.h"
+#include "http/services.h"
+#include "vxproxy/proxy.h"
 #include "filter/engine.h"
 #include "http/chunkparser.h"
 #include "http/internal.h"
@@ -24,7 +25,7 @@ CProxyClient::~CProxyClient() = default;
 DWORD CProxyClient::Run() {
   RunSession();
   CloseConnections();
-  registry_->OnWorkerFinished(this);
+  CProxyManager::Instance()->OnWorkerFinished(this);
   return 0;
 }
 
@@ -190,8 +191,8 @@ bool CProxyClient::RelayResponse() {
       redirect = true;
     }
     typeWord_ = responseTypeWord_;
-    if (proxy_->IsReplaceableType(typeWord_)) {
-      verdict_ = proxy_->GetFilterEngine()->CheckRequest(
+    if (services_->IsReplaceableType(typeWord_)) {
+      verdict_ = services_->Filter().CheckRequest(
           host_.GetBuffer(), requestTarget_.GetBuffer(), typeWord_.GetBuffer(), headerMap_,
           redirect);
       if (verdict_ != VerdictNoMatch && verdict_ != VerdictAllowed) {

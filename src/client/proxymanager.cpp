@@ -5,7 +5,7 @@
 #include "client/proxyclient.h"
 #include "log/levels.h"
 #include "platform/platform.h"
-#include "core/service.h"
+#include "http/services.h"
 
 CProxyManager* CProxyManager::Instance() {
   // Built on first use (the service object's constructor) and destroyed at
@@ -50,7 +50,7 @@ void CProxyManager::Reap() {
 }
 
 void CProxyManager::StopAll() {
-  CVxHTTPProxyImpl* proxy = Service();
+  CRequestServices* proxy = RequestServices();
   size_t total = 0;
   size_t finishedBefore = 0;
   activeLock_.Enter();

@@ -69,6 +69,8 @@ extern "C" CVxHTTPProxy* GetProxy() {
   return &proxy;
 }
 
+CRequestServices* RequestServices() { return Service(); }
+
 // ------------------------------------------------------------ life cycle --
 
 CVxHTTPProxy::~CVxHTTPProxy() = default;
@@ -111,7 +113,9 @@ CVxHTTPProxyImpl::~CVxHTTPProxyImpl() {
 }
 
 bool CVxHTTPProxyImpl::Initialize() {
-  StartSockets();
+  // Balanced by the clean-up in Uninitialize, so it stays out of the count
+  // that the destructor balances for the constructor's start-up.
+  os::WSAStartup();
   Uninitialize();
   FillMimeTable(mimeTable_);
   FillTypeWordTable(typeWordTable_);
@@ -398,6 +402,18 @@ bool CVxHTTPProxyImpl::IsReplaceableType(CStringBuffer& word) { return ::IsRepla
 bool CVxHTTPProxyImpl::IsImageWord(CStringBuffer& word) { return ::IsImageWord(word); }
 bool CVxHTTPProxyImpl::IsFlashWord(CStringBuffer& word) { return ::IsFlashWord(word); }
 bool CVxHTTPProxyImpl::IsPageWord(CStringBuffer& word) { return ::IsPageWord(word); }
+
+void CVxHTTPProxyImpl::CountBlockedSite(const char* site) { siteCounter_.AddSite(site); }
+
+// The memory log is shared by the host's thread, the accept thread, the
+// prober and the workers: a line is built whole under its lock.
+CMemLogEx& CVxHTTPProxyImpl::BeginLogLine(int level) {
+  memLogLock_.Lock();
+  memLog_ << CLogManip(level);
+  return memLog_;
+}
+
+void CVxHTTPProxyImpl::EndLogLine() { memLogLock_.UnLock(); }
 
 // ----------------------------------------------------------- notifications --
 

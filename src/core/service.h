@@ -10,6 +10,7 @@
 
 #include "filter/engine.h"
 #include "log/logimpl.h"
+#include "http/services.h"
 #include "platform/winnames.h"
 #include "stats/sitecounterimpl.h"
 #include "vxproxy/filterengine.h"
@@ -22,8 +23,9 @@
 
 class CProxyManager;
 
-// No operation is added here: the table stays the one of CVxHTTPProxy.
-class CVxHTTPProxyImpl final : public CVxHTTPProxy {
+// No operation is added to the host's table: CVxHTTPProxy comes first, so its
+// table stays the object's primary one.
+class CVxHTTPProxyImpl final : public CVxHTTPProxy, public CRequestServices {
  public:
   CVxHTTPProxyImpl();
   ~CVxHTTPProxyImpl() override;
@@ -77,31 +79,27 @@ class CVxHTTPProxyImpl final : public CVxHTTPProxy {
   void CountBlockedFlash() override;
   int ResetCounters() override;
 
-  // Type words.
-  void NormalizeTypeWord(CStringBuffer& word);
-  bool IsReplaceableType(CStringBuffer& word);
-  bool IsImageWord(CStringBuffer& word);
-  bool IsFlashWord(CStringBuffer& word);
+  // What the workers use.
+  const CFilterEngineImpl& Filter() override { return filterEngine_; }
+  void NormalizeTypeWord(CStringBuffer& word) override;
+  bool IsReplaceableType(CStringBuffer& word) override;
+  bool IsImageWord(CStringBuffer& word) override;
+  bool IsFlashWord(CStringBuffer& word) override;
   bool IsPageWord(CStringBuffer& word);
-
   // Posts the event to every matching notify target.
-  void Notify(unsigned short event);
+  void Notify(unsigned short event) override;
+  void CountBlockedSite(const char* site) override;
 
   unsigned short GetPort() const { return port_; }
   // The port is read from vexilo.ini only while it is unknown; forgetting it
   // makes the next Start read the file again.
   void ResetPort() { port_ = 0; }
 
-  // Writes one line to the service's memory log. The memory log is shared by
-  // the host's thread, the accept thread and the workers, so whole lines are
-  // built under a lock and never interleave.
-  template <typename... Pieces>
-  void LogLine(int level, const Pieces&... pieces) {
-    CAutoSync guard(memLogLock_);
-    memLog_ << CLogManip(level);
-    ((memLog_ << pieces), ...);
-    memLog_ << lend;
-  }
+  using CRequestServices::LogLine;
+
+ protected:
+  CMemLogEx& BeginLogLine(int level) override;
+  void EndLogLine() override;
 
  private:
   void OpenLogs();

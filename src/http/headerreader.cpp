@@ -4,7 +4,8 @@
 #include "http/httprequest.h"
 #include "log/levels.h"
 #include "platform/platform.h"
-#include "core/service.h"
+#include "http/services.h"
+#include "vxproxy/proxy.h"
 
 int CHTTPRequest::ReadHeader(SOCKET socket, bool isRequest) {
   if (isRequest) {
@@ -92,7 +93,7 @@ void CHTTPRequest::ParseHeaderLines(int startLineSize, bool isRequest) {
   fields.responseTypeWord = responseTypeWord_;
   fields.refererHost = refererHost_;
   ParseHeaderFields(headerLines_, localAddress_.GetBuffer(),
-                    [this](CStringBuffer& word) { proxy_->NormalizeTypeWord(word); }, fields,
+                    [this](CStringBuffer& word) { services_->NormalizeTypeWord(word); }, fields,
                     isRequest ? &headerMap_ : nullptr);
   otherHeaderLines_ = fields.otherLines;
   contentLength_ = fields.contentLength;

@@ -3,9 +3,9 @@
 
 #include <cstring>
 
-#include "client/proxymanager.h"
-#include "core/service.h"
 #include "filter/engine.h"
+#include "http/services.h"
+#include "vxproxy/proxy.h"
 #include "http/urlparser.h"
 #include "log/levels.h"
 #include "platform/platform.h"
@@ -33,12 +33,12 @@ CHTTPRequest::CHTTPRequest(SOCKET client)
       upstreamSocket_(INVALID_SOCKET),
       bytesFromClient_(0),
       bytesFromUpstream_(0),
-      registry_(CProxyManager::Instance()),
       useUpstreamProxy_(false),
       blockedLog_(GetProxy()->GetLog(kLogBlocked)),
       traceLog_(GetProxy()->GetLog(kLogRequest)),
       eventLog_(GetProxy()->GetLog(kLogProxy)),
-      proxy_(Service()),
+      proxy_(GetProxy()),
+      services_(RequestServices()),
       deferredCheck_(false),
       verdict_(VerdictNoMatch) {
   std::uint32_t address = 0;
@@ -77,21 +77,21 @@ bool CHTTPRequest::ShouldPass() {
   proxy_->CountFilteredRequest();
   // Only kinds we have a harmless replacement for are judged now; the rest
   // are judged on the type the server names in its response.
-  if (typeWord_.GetSize() == 0 || !proxy_->IsReplaceableType(typeWord_)) {
+  if (typeWord_.GetSize() == 0 || !services_->IsReplaceableType(typeWord_)) {
     deferredCheck_ = true;
     return true;
   }
-  verdict_ = proxy_->GetFilterEngine()->CheckRequest(host_.GetBuffer(), requestTarget_.GetBuffer(),
+  verdict_ = services_->Filter().CheckRequest(host_.GetBuffer(), requestTarget_.GetBuffer(),
                                                      typeWord_.GetBuffer(), headerMap_, false);
   return verdict_ == VerdictNoMatch || verdict_ == VerdictAllowed;
 }
 
 void CHTTPRequest::RecordBlocked(const char* site) {
-  proxy_->Notify(kEventRequestBlocked);
+  services_->Notify(kEventRequestBlocked);
   traceLog_ << CLogManip(kLevelCritical) << "[B]  " << requestLine_ << lend;
   CStringBuffer stamp;
   MakeLineTimeStamp(stamp);
-  proxy_->GetSiteCounter()->AddSite(host_.GetBuffer());
+  services_->CountBlockedSite(host_.GetBuffer());
   const char* blank = std::strchr(requestLine_.GetBuffer(), ' ');
   const char* url = blank != nullptr ? blank + 1 : requestLine_.GetBuffer();
   const char* referer = refererHost_.GetSize() > 0 ? refererHost_.GetBuffer() : "__";

@@ -14,8 +14,8 @@
 #include "vxproxy/log.h"
 #include "vxproxy/stringbuffer.h"
 
-class CProxyManager;
-class CVxHTTPProxyImpl;
+class CRequestServices;
+class CVxHTTPProxy;
 
 // Fixed sizes and limits of the HTTP layer.
 constexpr int kHeaderRecvBytes = 1024;      // stack buffer of header and chunk receives
@@ -148,13 +148,13 @@ class CHTTPRequest {
   std::atomic<SOCKET> upstreamSocket_;
   int bytesFromClient_;
   int bytesFromUpstream_;
-  CProxyManager* registry_;
   bool useUpstreamProxy_;
   CMemLog blockedLog_;                // log 4, blocked.log
   CMemLog traceLog_;                  // log 8, request.log
   CMemLogEx eventLog_;                // log 2, proxy.log
   std::map<std::string, std::string> headerMap_;  // lower-case name -> trimmed value
-  CVxHTTPProxyImpl* proxy_;
+  CVxHTTPProxy* proxy_;          // the host's slots
+  CRequestServices* services_;   // what the workers need beyond them
   bool deferredCheck_;
   int verdict_;
 

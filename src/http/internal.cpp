@@ -9,7 +9,8 @@
 #include "http/httprequest.h"
 #include "log/levels.h"
 #include "platform/platform.h"
-#include "core/service.h"
+#include "http/services.h"
+#include "vxproxy/proxy.h"
 
 namespace {
 
@@ -105,10 +106,11 @@ bool CHTTPInternal::BuildReplacementResponse(CHTTPRequest* request, const char* 
     if (!LoadReplacementBody(word.GetBuffer(), body)) return BuildNotFoundResponse(request, out, true);
   }
 
-  CVxHTTPProxyImpl* proxy = Service();
-  if (proxy->IsImageWord(word)) {
+  CRequestServices* services = RequestServices();
+  CVxHTTPProxy* proxy = GetProxy();
+  if (services->IsImageWord(word)) {
     proxy->CountBlockedImage();
-  } else if (proxy->IsFlashWord(word)) {
+  } else if (services->IsFlashWord(word)) {
     proxy->CountBlockedFlash();
   }
 

@@ -7,7 +7,7 @@
 #include "http/urlparser.h"
 #include "log/levels.h"
 #include "platform/platform.h"
-#include "core/service.h"
+#include "http/services.h"
 
 namespace {
 
@@ -80,7 +80,7 @@ void CHTTPRequest::ParseRequestTarget(const CStringBuffer& startLine) {
   if (char* slash = path_.ReverseFindChar('/')) {
     const char* dot = CStringBuffer::ReverseFindChar(slash + 1, '.');
     typeWord_ = dot != nullptr ? dot + 1 : "unknown";
-    proxy_->NormalizeTypeWord(typeWord_);
+    services_->NormalizeTypeWord(typeWord_);
   } else {
     typeWord_ = "unknown";
   }

@@ -7,7 +7,8 @@
 #include <utility>
 #include <vector>
 
-#include "core/service.h"
+#include "http/services.h"
+#include "vxproxy/proxy.h"
 #include "http/urlparser.h"
 #include "log/levels.h"
 #include "platform/platform.h"
@@ -194,7 +195,7 @@ void CHeaderManager::ClearAll() {
 // ---------------------------------------------------------------- probing --
 
 DWORD CHeaderManager::Run() {
-  CVxHTTPProxyImpl* proxy = Service();
+  CRequestServices* proxy = RequestServices();
   ClearAll();
   serving_ = true;
   vxtime64_t lastSweep = Now();
@@ -217,7 +218,7 @@ DWORD CHeaderManager::Run() {
     const std::int32_t product = static_cast<std::int32_t>(static_cast<std::uint32_t>(item->count) *
                                                            static_cast<std::uint32_t>(size));
     const std::int64_t bytes = product;
-    if (bytes > 0) proxy->GetSiteCounter()->AddAdSize(static_cast<std::uint64_t>(bytes));
+    if (bytes > 0) GetProxy()->GetSiteCounter()->AddAdSize(static_cast<std::uint64_t>(bytes));
     delete item;
   }
   serving_ = false;
@@ -304,7 +305,7 @@ void CHeaderManager::SweepSizeCache() {
   std::map<vxtime64_t, std::vector<std::string>> byLastUse;
   for (const auto& [key, record] : sizeCache_) {
     if (record == nullptr) {
-      Service()->LogLine(kLevelCritical, "Data = ", key.c_str(), " is null ");
+      RequestServices()->LogLine(kLevelCritical, "Data = ", key.c_str(), " is null ");
       stale.push_back(key);
     } else if (now - record->lastUsed > kIdleLimitSeconds) {
       stale.push_back(key);

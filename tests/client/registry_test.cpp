@@ -22,7 +22,7 @@ class StuckWorker : public CProxyClient {
     while (!*release_) std::this_thread::sleep_for(std::chrono::milliseconds(5));
     // Still touches its own members after the registry gave up on it.
     connectHost_ = "after the kill";
-    registry_->OnWorkerFinished(this);
+    CProxyManager::Instance()->OnWorkerFinished(this);
     return 0;
   }
 

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "core/typewords.h"
-#include "filter/checktool.h"
+#include "checktool.h"
 
 namespace corpus {
 
@@ -40,7 +40,7 @@ inline std::vector<Request> Load(const std::string& file, std::size_t limit = 0)
     std::string path;
     r.url = line.substr(0, tab1);
     r.referer = line.substr(tab2 + 1);
-    if (!vxfilter::SplitCheckUrl(r.url, &r.host, &r.target, &path)) continue;
+    if (!vxhost::SplitCheckUrl(r.url, &r.host, &r.target, &path)) continue;
     const auto kind = kWordOfKind.find(line.substr(tab1 + 1, tab2 - tab1 - 1));
     CStringBuffer word(kind == kWordOfKind.end() ? "" : kind->second.c_str());
     if (kind == kWordOfKind.end()) TypeWordOfPath(typeWords, path.c_str(), word);

@@ -1,4 +1,4 @@
-#include "filter/checktool.h"
+#include "checktool.h"
 
 #include <istream>
 #include <map>
@@ -8,7 +8,7 @@
 #include "core/typewords.h"
 #include "filter/engine.h"
 
-namespace vxfilter {
+namespace vxhost {
 namespace {
 
 constexpr const char* kUsage =
@@ -183,4 +183,4 @@ int RunCheck(int argc, const char* const* argv, std::istream& in, std::ostream& 
   return 0;
 }
 
-}  // namespace vxfilter
+}  // namespace vxhost

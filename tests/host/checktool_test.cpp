@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "filter/checktool.h"
+#include "checktool.h"
 #include "platform/platform.h"
 #include "support/process.h"
 #include "support/tempdir.h"
@@ -26,7 +26,7 @@ int Check(std::vector<std::string> args, const std::string& input, std::string* 
   std::istringstream in(input);
   std::ostringstream o;
   std::ostringstream e;
-  const int code = vxfilter::RunCheck(static_cast<int>(argv.size()), argv.data(), in, o, e);
+  const int code = vxhost::RunCheck(static_cast<int>(argv.size()), argv.data(), in, o, e);
   *out = o.str();
   *err = e.str();
   return code;

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-namespace vxfilter {
+namespace vxhost {
 
 // Splits an absolute URL the way a proxy request line is split: host without
 // user part and port, target = path with query ("/" when there is none; a
@@ -25,4 +25,4 @@ bool SplitCheckUrl(std::string_view url, std::string* host, std::string* target,
 int RunCheck(int argc, const char* const* argv, std::istream& in, std::ostream& out,
              std::ostream& err);
 
-}  // namespace vxfilter
+}  // namespace vxhost

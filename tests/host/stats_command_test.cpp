@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "../../host/stats.h"
+#include "stats.h"
 #include "platform/platform.h"
 #include "stats/counterfile.h"
 #include "support/process.h"

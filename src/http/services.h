@@ -1,0 +1,48 @@
+// What the HTTP layer, the size prober and the sessions need of the service
+// beyond the host's slots. The service object implements it; the layers below
+// the service reach it here and never include the service's own class, so the
+// service depends on them and not the other way round.
+#pragma once
+
+#include "filter/engine.h"
+#include "platform/winnames.h"
+#include "vxproxy/log.h"
+#include "vxproxy/stringbuffer.h"
+
+class CRequestServices {
+ public:
+  // The rule tables and verdicts.
+  virtual const CFilterEngineImpl& Filter() = 0;
+
+  // Type words: the word for a media subtype or file extension, and the
+  // kinds that have a replacement.
+  virtual void NormalizeTypeWord(CStringBuffer& word) = 0;
+  virtual bool IsReplaceableType(CStringBuffer& word) = 0;
+  virtual bool IsImageWord(CStringBuffer& word) = 0;
+  virtual bool IsFlashWord(CStringBuffer& word) = 0;
+
+  // Tells the host's notify targets of an event.
+  virtual void Notify(unsigned short event) = 0;
+  // Counts one blocked request for the site in the statistics.
+  virtual void CountBlockedSite(const char* site) = 0;
+
+  // Writes one whole line to the service's memory log. Its users run on many
+  // threads, so the line is built under the log's lock and never interleaves.
+  template <typename... Pieces>
+  void LogLine(int level, const Pieces&... pieces) {
+    CMemLogEx& log = BeginLogLine(level);
+    ((log << pieces), ...);
+    log << lend;
+    EndLogLine();
+  }
+
+ protected:
+  ~CRequestServices() = default;
+
+  // Takes the memory log's lock and starts a line at the level.
+  virtual CMemLogEx& BeginLogLine(int level) = 0;
+  virtual void EndLogLine() = 0;
+};
+
+// The one service object, as the layers below it see it.
+CRequestServices* RequestServices();
