@@ -131,7 +131,7 @@ TEST_F(UpstreamConnect, ServerThatClosedTheKeptConnectionGetsANewOne) {
   const std::string request = "GET / HTTP/1.1\r\nHost: o\r\n\r\n";
   r.SendAll(r.upstreamSocket_, request.data(), static_cast<int>(request.size()));
   ASSERT_TRUE(origin.WaitForRequests(1, 2000));
-  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  ASSERT_GT(os::SelectRead(r.upstreamSocket_, INVALID_SOCKET, 2, 0), 0);  // the hang-up arrived
   ASSERT_TRUE(ConnectTo(r, "127.0.0.1", origin.Port()));
   EXPECT_TRUE(origin.WaitForConnections(2, 2000));
 }

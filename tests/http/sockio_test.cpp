@@ -69,7 +69,7 @@ TEST_F(SocketPrimitives, WaitTimeOutsAreLoggedWithTheirMilliseconds) {
   EXPECT_GE(MsSince(start), 1400);  // the sub-second remainder is kept
   EXPECT_LT(MsSince(start), 2500);
   SendAllBytes(pair_->client, "x");  // readable, but a zero wait never looks
-  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  ASSERT_GT(os::SelectRead(r.clientSocket_, INVALID_SOCKET, 2, 0), 0);
   EXPECT_EQ(r.WaitForData(r.clientSocket_, INVALID_SOCKET, 0), kIoTimeout);
   const std::string tag = "[VERBOSE]: " + Text(r.GetConnectionTag());
   EXPECT_TRUE(ProxyLogHas(tag + "Socket wait exceede the limit 1500 MS\r\n"));
@@ -83,7 +83,7 @@ TEST_F(SocketPrimitives, FirstSocketWinsWhenBothAreReadable) {
   EXPECT_EQ(r.WaitForData(r.clientSocket_, other.server, 2000), kSecondReady);
   EXPECT_EQ(r.WaitForData(INVALID_SOCKET, other.server, 2000), kSecondReady);
   SendAllBytes(pair_->client, "a");
-  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  ASSERT_GT(os::SelectRead(r.clientSocket_, INVALID_SOCKET, 2, 0), 0);
   EXPECT_EQ(r.WaitForData(r.clientSocket_, other.server, 1000), kFirstReady);
   EXPECT_EQ(r.WaitForData(other.server, r.clientSocket_, 1000), kFirstReady);
 }
@@ -166,11 +166,11 @@ TEST_F(SocketPrimitives, KeptConnectionLivenessFollowsThePeer) {
   EXPECT_TRUE(r.IsUpstreamAlive());  // quiet and open
   EXPECT_TRUE(ProxyLogHas("Socket wait exceede the limit 25 MS"));
   SendAllBytes(upstream.client, "early");
-  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  ASSERT_GT(os::SelectRead(r.upstreamSocket_, INVALID_SOCKET, 2, 0), 0);
   EXPECT_TRUE(r.IsUpstreamAlive());  // data pending, and left in place
   EXPECT_EQ(Drain(r.upstreamSocket_, 200), "early");
   vxtest::CloseSocket(upstream.client);
-  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  ASSERT_GT(os::SelectRead(r.upstreamSocket_, INVALID_SOCKET, 2, 0), 0);  // the close arrived
   EXPECT_FALSE(r.IsUpstreamAlive());
 }
 

@@ -68,6 +68,12 @@ class TestManager : public CHeaderManager {
   using CHeaderManager::sizeCache_;
   using CHeaderManager::SweepSizeCache;
 
+  // The cache's size, read as the worker's own steps do: under its lock.
+  std::size_t CachedSizes() {
+    std::lock_guard<std::mutex> guard(cacheLock_);
+    return sizeCache_.size();
+  }
+
   // Probes the next pending item as the thread body would; -1 when none.
   int ProbeNext() {
     std::string key;
@@ -224,7 +230,8 @@ TEST_F(SizeCache, WorkerSweepsWhenIdleForTenSeconds) {
   // size is stale by now, so the next block of the first item probes again.
   Enqueue(&manager, origin, "/s999");
   ASSERT_TRUE(origin.WaitForRequests(102, kWaitMs));
-  std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  // The last of the first hundred may have been cached after the clock moved.
+  ASSERT_TRUE(WaitUntil([&] { return manager.CachedSizes() <= 2; }, kWaitMs));  // swept
   Enqueue(&manager, origin, "/s0");
   EXPECT_TRUE(origin.WaitForRequests(103, kWaitMs));
   EXPECT_TRUE(manager.Stop());
