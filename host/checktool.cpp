@@ -7,6 +7,7 @@
 
 #include "core/typewords.h"
 #include "filter/engine.h"
+#include "filter/urlsplit.h"
 
 namespace vxhost {
 namespace {
@@ -111,25 +112,14 @@ std::string_view NextField(std::string_view& line) {
 }  // namespace
 
 bool SplitCheckUrl(std::string_view url, std::string* host, std::string* target, std::string* path) {
-  const std::size_t separator = url.find("://");
-  if (separator == std::string_view::npos) return false;
-  std::string_view rest = url.substr(separator + 3);
-  const std::size_t authorityEnd = rest.find_first_of("/?#");
-  std::string_view authority = rest.substr(0, authorityEnd);
-  rest.remove_prefix(authorityEnd == std::string_view::npos ? rest.size() : authorityEnd);
-  if (const std::size_t at = authority.rfind('@'); at != std::string_view::npos) {
-    authority.remove_prefix(at + 1);
-  }
-  std::size_t hostEnd = authority.find(':');
-  if (!authority.empty() && authority[0] == '[') {
-    const std::size_t bracket = authority.find(']');
-    hostEnd = bracket == std::string_view::npos ? authority.size() : bracket + 1;
-  }
-  authority = authority.substr(0, hostEnd);
-  if (authority.empty()) return false;
-  host->assign(authority);
+  // Any text before the "://" is taken as a scheme, and an unclosed "[" runs
+  // to the end of the authority: the shared request corpus and the verdicts
+  // recorded for it were read this way.
+  vxfilter::UrlPieces pieces;
+  if (!vxfilter::SplitUrl(url, &pieces) || pieces.host.empty()) return false;
+  host->assign(pieces.host);
 
-  rest = rest.substr(0, rest.find('#'));
+  const std::string_view rest = pieces.rest.substr(0, pieces.rest.find('#'));
   target->clear();
   if (rest.empty() || rest[0] != '/') target->push_back('/');
   target->append(rest);

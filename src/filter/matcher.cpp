@@ -3,7 +3,7 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "platform/platform.h"
+#include "filter/urlsplit.h"
 
 namespace vxfilter {
 namespace {
@@ -161,15 +161,12 @@ std::string HostOfUrl(std::string_view url) {
   if (url.size() > kMaxRefererLength) return {};
   // The host depends only on what comes before the path, so only that part
   // is lowered and handed on.
-  std::size_t end = url.size();
-  if (const std::size_t scheme = url.find(kSchemeSeparator); scheme != std::string_view::npos) {
-    end = url.find_first_of("/?#", scheme + kSchemeSeparator.size());
-    if (end == std::string_view::npos) end = url.size();
-  }
+  UrlPieces pieces;
+  const std::size_t end = SplitUrl(url, &pieces) ? url.size() - pieces.rest.size() : url.size();
   char lowered[kMaxRefererLength + 1];
   CopyLower(lowered, url.substr(0, end));
   lowered[end] = '\0';
-  std::string host = os::UrlHostName(lowered);
+  std::string host = UrlHostName(lowered);
   if (host.compare(0, 4, "www.") == 0) host.erase(0, 4);
   return host;
 }

@@ -1,7 +1,8 @@
 #include "http/urlparser.h"
 
 #include <cstdlib>
-#include <cstring>
+
+#include "filter/urlsplit.h"
 
 bool CHTTPURLParser::ParseUrl(const char* url, CStringBuffer& scheme, CStringBuffer& host,
                               CStringBuffer& path, unsigned short& port) {
@@ -13,35 +14,19 @@ bool CHTTPURLParser::ParseUrl(const char* url, CStringBuffer& scheme, CStringBuf
   // Header values reach us with the blanks that followed the colon.
   while (*url == ' ' || *url == '\t') ++url;
 
-  const char* sep = std::strstr(url, "://");
-  if (sep == nullptr || sep == url) return false;
-  for (const char* p = url; p < sep; ++p) {
-    // A scheme is letters, digits, '+', '-' and '.'; anything else means the
-    // "://" belongs to a later part (a path or a query) and this is no URL.
-    const char c = *p;
-    const bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-                    c == '+' || c == '-' || c == '.';
-    if (!ok) return false;
+  vxfilter::UrlPieces pieces;
+  if (!vxfilter::SplitUrl(url, &pieces) || !vxfilter::IsSchemeName(pieces.scheme)) return false;
+  scheme.AddString(pieces.scheme.data(), static_cast<int>(pieces.scheme.size()));
+  // The host is cut at its first colon, bracketed or not: the blocked-request
+  // log has always shown the referer's host this way.
+  const std::string_view hostPort = pieces.hostPort;
+  const std::size_t colon = hostPort.find(':');
+  if (colon != std::string_view::npos) {
+    port = static_cast<unsigned short>(std::strtoul(hostPort.data() + colon + 1, nullptr, 10));
   }
-  scheme.AddString(url, static_cast<int>(sep - url));
-
-  const char* authority = sep + 3;
-  const char* end = authority + std::strcspn(authority, "/?#");
-  // Credentials before the host are not part of it.
-  const char* hostStart = authority;
-  for (const char* p = authority; p < end; ++p) {
-    if (*p == '@') hostStart = p + 1;
-  }
-  const char* hostEnd = end;
-  for (const char* p = hostStart; p < end; ++p) {
-    if (*p == ':') {
-      hostEnd = p;
-      port = static_cast<unsigned short>(std::strtoul(p + 1, nullptr, 10));
-      break;
-    }
-  }
-  host.AddString(hostStart, static_cast<int>(hostEnd - hostStart));
-  path = *end == '\0' ? "/" : end;
+  host.AddString(hostPort.data(), static_cast<int>(hostPort.substr(0, colon).size()));
+  // The rest runs to the end of the text, so it is a C string of its own.
+  path = pieces.rest.empty() ? "/" : pieces.rest.data();
   path.Trim();
   return host.GetSize() > 0;
 }

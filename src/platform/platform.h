@@ -159,11 +159,4 @@ void UnregisterResources(HMODULE module);
 // Null when the module has no such resource.
 const ResourceEntry* FindResourceA(HMODULE module, const char* name, const char* type);
 
-// ---------------------------------------------------------------- URL hosts --
-
-// Host name of an absolute URL (scheme "://" [user "@"] host [":" port] rest),
-// with %XX escapes decoded; empty for anything else, for a URL longer than
-// 2048 bytes or a host longer than 1024 bytes.
-std::string UrlHostName(const char* url);
-
 }  // namespace os

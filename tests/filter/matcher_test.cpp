@@ -7,7 +7,7 @@
 
 #include "filter/matcher.h"
 #include "filter/rules.h"
-#include "platform/platform.h"
+#include "filter/urlsplit.h"
 
 namespace {
 
@@ -75,10 +75,9 @@ TEST(UrlHostName, AbsoluteUrlsOnly) {
       {"http://%41" + host.substr(1) + "/", "A" + host.substr(1), "A" + host.substr(1)},  // decoded
   };
   for (const auto& [url, name, referer] : cases) {
-    EXPECT_EQ(os::UrlHostName(url.c_str()), name) << url;
+    EXPECT_EQ(vxfilter::UrlHostName(url), name) << url;
     EXPECT_EQ(vxfilter::HostOfUrl(url), referer) << url;
   }
-  EXPECT_EQ(os::UrlHostName(nullptr), "");
 }
 
 TEST(RuleOptions, TypeMaskDependsOnTheOrder) {

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/platform.h"
+#include "filter/urlsplit.h"
 
 namespace reference {
 
@@ -177,7 +177,7 @@ inline std::vector<std::string> DomainSuffixes(const std::string& name) {
 }
 
 inline std::string HostOfUrl(const std::string& url) {
-  std::string host = os::UrlHostName(url.c_str());
+  std::string host = vxfilter::UrlHostName(url.c_str());
   return host.starts_with("www.") ? host.substr(4) : host;
 }
 
