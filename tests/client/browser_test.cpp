@@ -7,6 +7,7 @@
 #include <sstream>
 #include <string>
 
+#include "support/wait.h"
 #include "support/origin_server.h"
 #include "support/service_fixture.h"
 
@@ -15,6 +16,8 @@ using vxtest::OriginRequest;
 using vxtest::OriginServer;
 
 namespace {
+
+using vxtest::RunCommand;
 
 constexpr const char* kChromium = "/usr/bin/chromium";
 
@@ -29,16 +32,6 @@ OriginReply Serve(const OriginRequest& r) {
   if (r.target == "/frame.html") return OriginReply::Counted("<p>frame</p>", "text/html");
   if (r.target == "/img/pixel.png") return OriginReply::Image("\x89PNG-not-really");
   return OriginReply::Counted("", "text/plain", 404);
-}
-
-std::string RunCommand(const std::string& command) {
-  std::string output;
-  FILE* pipe = popen(command.c_str(), "r");
-  if (pipe == nullptr) return output;
-  std::array<char, 512> chunk;
-  while (fgets(chunk.data(), chunk.size(), pipe) != nullptr) output += chunk.data();
-  pclose(pipe);
-  return output;
 }
 
 // The hosts named by the request lines of request.log ("[P]  " and "[B]  ").

@@ -10,6 +10,7 @@
 
 #include "client/proxymanager.h"
 #include "platform/platform.h"
+#include "support/wait.h"
 #include "support/origin_server.h"
 #include "support/raw_client.h"
 #include "support/service_fixture.h"
@@ -21,21 +22,14 @@ using vxtest::RawClient;
 
 namespace {
 
+using vxtest::WaitUntil;
+
 constexpr int kWaitMs = 5000;
 
 const std::string kGifBytes(
     "\x47\x49\x46\x38\x39\x61\x01\x00\x01\x00\x80\x00\x00\x00\x00\x00\xFF\xFF\xFF\x21\xF9\x04\x01"
     "\x00\x00\x00\x00\x2C\x00\x00\x00\x00\x01\x00\x01\x00\x00\x02\x01\x44\x00\x3B",
     42);
-
-bool WaitUntil(const std::function<bool()>& done, int timeoutMs) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-  while (!done()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return true;
-}
 
 std::string Body(const std::string& response) {
   const size_t end = response.find("\r\n\r\n");

@@ -4,27 +4,14 @@
 #include <cstdio>
 #include <string>
 
+#include "support/wait.h"
 #include "support/tempdir.h"
-
-namespace {
-
-std::string RunAndCapture(const std::string& command, int* status) {
-  std::string output;
-  FILE* pipe = popen(command.c_str(), "r");
-  if (pipe == nullptr) return output;
-  std::array<char, 256> chunk;
-  while (fgets(chunk.data(), chunk.size(), pipe) != nullptr) output += chunk.data();
-  *status = pclose(pipe);
-  return output;
-}
-
-}  // namespace
 
 TEST(HostLoad, AHostBuiltOnThePublicHeaderDrivesTheModule) {
   TempDir dir;
   WriteTextFile(dir / "filters.txt", "||ads.example.com^\n");
   int status = -1;
-  const std::string out = RunAndCapture(std::string(VX_BINARY_DIR) + "/tests/hostload_child " +
+  const std::string out = vxtest::RunCommand(std::string(VX_BINARY_DIR) + "/tests/hostload_child " +
                                             VX_BINARY_DIR + "/libvxproxy.so " + dir.str(),
                                         &status);
   EXPECT_EQ(status, 0) << out;
@@ -41,7 +28,7 @@ TEST(HostLoad, AHostLinkingNothingOfOursReachesEverySlot) {
                 "! *** easylist:easylist/easylist_adservers.txt ***\n||ads.example.com^\n");
   WriteTextFile(dir / "vexilo.ini", "[Vexilo]\nPort=0\n");
   int status = -1;
-  const std::string out = RunAndCapture(std::string(VX_BINARY_DIR) + "/tests/hostslots_child " +
+  const std::string out = vxtest::RunCommand(std::string(VX_BINARY_DIR) + "/tests/hostslots_child " +
                                             VX_BINARY_DIR + "/libvxproxy.so " + dir.str(),
                                         &status);
   EXPECT_EQ(status, 0) << out;
@@ -59,7 +46,7 @@ TEST(HostLoad, AHostLinkingNothingOfOursReachesEverySlot) {
 
 TEST(HostLoad, ModuleExportsOnlyTheHostInterface) {
   int status = -1;
-  const std::string symbols = RunAndCapture(
+  const std::string symbols = vxtest::RunCommand(
       "nm -D --defined-only " + std::string(VX_BINARY_DIR) + "/libvxproxy.so | c++filt", &status);
   ASSERT_EQ(status, 0);
   EXPECT_NE(symbols.find("GetProxy"), std::string::npos);

@@ -9,6 +9,7 @@
 #include <string>
 #include <thread>
 
+#include "support/wait.h"
 #include "support/origin_server.h"
 #include "support/process.h"
 #include "support/raw_client.h"
@@ -19,17 +20,9 @@ using vxtest::OriginRequest;
 
 namespace {
 
-constexpr int kWaitMs = 10000;
+using vxtest::RunCommand;
 
-std::string RunCommand(const std::string& command, int* status) {
-  std::string output;
-  FILE* pipe = popen(command.c_str(), "r");
-  if (pipe == nullptr) return output;
-  std::array<char, 512> chunk;
-  while (fgets(chunk.data(), chunk.size(), pipe) != nullptr) output += chunk.data();
-  *status = pclose(pipe);
-  return output;
-}
+constexpr int kWaitMs = 10000;
 
 int CountHeads(const vxtest::OriginServer& origin) {
   int heads = 0;
@@ -74,11 +67,7 @@ TEST(HostProgram, RunCountsABrowsingSessionAndStatsShowsIt) {
   // One probe for each blocked item. (Repeated blocks of one item are the
   // prober's own tests: one that comes as its probe ends may be queued again,
   // and a stop drops what is still queued.)
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kWaitMs);
-  while (CountHeads(origin) < 3 && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  ASSERT_EQ(CountHeads(origin), 3);
+  ASSERT_TRUE(vxtest::WaitUntil([&] { return CountHeads(origin) == 3; }, kWaitMs));
   // A probe closes its connection before it adds the size, and a stop lets the
   // probe in hand finish: once every connection is closed, nothing is lost.
   for (int c = 0; c < origin.ConnectionCount(); ++c) {

@@ -12,6 +12,7 @@
 
 #include "log/levels.h"
 #include "platform/platform.h"
+#include "support/wait.h"
 #include "support/origin_server.h"
 #include "support/raw_client.h"
 #include "support/service_fixture.h"
@@ -22,17 +23,10 @@ using vxtest::OriginServer;
 
 namespace {
 
+using vxtest::WaitUntil;
+
 constexpr int kWaitMs = 5000;
 const char kFields[] = "Host: ads.example.com\r\nCookie: id=7\r\nUser-Agent: probe-test\r\n\r\n";
-
-bool WaitUntil(const std::function<bool()>& done, int timeoutMs) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-  while (!done()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return true;
-}
 
 // Every byte of one connection, once at least `size` of them arrived.
 std::string ReceivedBytes(const OriginServer& origin, int connection, std::size_t size) {
