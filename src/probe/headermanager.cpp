@@ -149,15 +149,8 @@ void CHeaderManager::Enqueue(CStringBuffer host, unsigned short port, CStringBuf
 bool CHeaderManager::CountCached(const std::string& key) {
   // The result equals queueing the block and probing it from the cache, without
   // the hand-over to the worker that would otherwise follow every block.
-  if (!serving_) return false;
   int size = 0;
-  {
-    std::lock_guard<std::mutex> guard(cacheLock_);
-    auto cached = sizeCache_.find(key);
-    if (cached == sizeCache_.end() || cached->second == nullptr) return false;
-    cached->second->lastUsed = Now();
-    size = cached->second->size;
-  }
+  if (!serving_ || !UseCachedSize(key, &size)) return false;
   if (size > 0) GetProxy()->GetSiteCounter()->AddAdSize(static_cast<std::uint64_t>(size));
   return true;
 }
@@ -228,15 +221,18 @@ DWORD CHeaderManager::Run() {
   return 0;
 }
 
+bool CHeaderManager::UseCachedSize(const std::string& key, int* size) {
+  std::lock_guard<std::mutex> guard(cacheLock_);
+  auto cached = sizeCache_.find(key);
+  if (cached == sizeCache_.end() || cached->second == nullptr) return false;
+  cached->second->lastUsed = Now();
+  *size = cached->second->size;
+  return true;
+}
+
 int CHeaderManager::Probe(const std::string& key, CAdToFetch* item) {
-  {
-    std::lock_guard<std::mutex> guard(cacheLock_);
-    auto cached = sizeCache_.find(key);
-    if (cached != sizeCache_.end() && cached->second != nullptr) {
-      cached->second->lastUsed = Now();
-      return cached->second->size;
-    }
-  }
+  int size = 0;
+  if (UseCachedSize(key, &size)) return size;
   const SOCKET s = ConnectProbe(item);
   if (s == INVALID_SOCKET) return 0;
 
@@ -253,7 +249,6 @@ int CHeaderManager::Probe(const std::string& key, CAdToFetch* item) {
   GetProxy()->GetSiteCounter()->AddBytes(static_cast<unsigned long>(item->request.size()),
                                          static_cast<unsigned long>(response.size()));
 
-  int size = 0;
   // Without a length nothing is cached, so the next block probes again.
   if (!FindContentLength(response, &size)) return 0;
   RememberSize(key, size);

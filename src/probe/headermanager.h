@@ -80,6 +80,8 @@ class CHeaderManager : public CThreadEx {
   SOCKET TakeProbeSocket();
   // Counts a block whose size is cached at once; false when it must be queued.
   bool CountCached(const std::string& key);
+  // The cached size of the key, marked as used now; false when none is known.
+  bool UseCachedSize(const std::string& key, int* size);
 
   std::map<std::string, CAdToFetch*> pending_;
   CCriticalSectionEx queueLock_;
