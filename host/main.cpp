@@ -2,7 +2,7 @@
 // does, and drives it through GetProxy and the service's virtual operations.
 //
 //   vxproxy [run] [--data DIR] [--logs DIR] [--filters DIR] [--upstream HOST:PORT]
-//                 [--no-filter] [--trace]
+//                 [--no-filter] [--trace] [--strict]
 //   vxproxy check ...            (see check.h)
 #include <dlfcn.h>
 
@@ -29,7 +29,7 @@ void OnStopSignal(int) { g_stopRequested = true; }
 int Usage() {
   std::fprintf(stderr,
                "usage: vxproxy [run] [--data DIR] [--logs DIR] [--filters DIR] "
-               "[--upstream HOST:PORT] [--no-filter] [--trace]\n"
+               "[--upstream HOST:PORT] [--no-filter] [--trace] [--strict]\n"
                "       vxproxy check [--filters FILE] [--approved FILE] [--type WORD] "
                "[--referer URL] [--redirect] URL\n"
                "       vxproxy check --filters FILE [--approved FILE] --batch\n");
@@ -120,6 +120,7 @@ struct RunOptions {
   std::string upstream;
   bool filtering = true;
   bool trace = false;
+  bool strict = false;  // the module's own behaviour, no extension
 };
 
 bool ParseRun(int argc, char** argv, int first, RunOptions* options) {
@@ -142,6 +143,8 @@ bool ParseRun(int argc, char** argv, int first, RunOptions* options) {
       options->filtering = false;
     } else if (arg == "--trace") {
       options->trace = true;
+    } else if (arg == "--strict") {
+      options->strict = true;
     } else {
       std::fprintf(stderr, "vxproxy: unknown argument %s\n", arg.c_str());
       return false;
@@ -183,6 +186,7 @@ int Run(const RunOptions& options) {
   SeedStatStartTime(options.data);
   proxy->EnableFiltering(options.filtering);
   if (options.trace) proxy->SetTraceMode(2);
+  proxy->SetExtensions(options.strict ? 0 : kExtensionsAll);
 
   if (!proxy->Start()) {
     const std::string filters = options.filters + "\\filters.txt";

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 
+#include "vxproxy/extensions.h"
 #include "vxproxy/filterengine.h"
 #include "vxproxy/log.h"
 #include "vxproxy/sitecounter.h"
@@ -81,6 +82,11 @@ class CVxHTTPProxy : public CThreadEx {
   virtual void CountBlockedImage() = 0;                            // 46
   virtual void CountBlockedFlash() = 0;                            // 47
   virtual int ResetCounters() = 0;                                 // 48
+
+  // Behaviour beyond the original design, one bit each (kExtension...).
+  // Unknown bits are ignored; the module starts with none of them.
+  virtual unsigned SetExtensions(unsigned mask) = 0;               // 49: the previous mask
+  virtual unsigned GetExtensions() = 0;                            // 50
 
  protected:
   CVxHTTPProxy() = default;

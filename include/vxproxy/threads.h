@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
@@ -35,12 +36,17 @@ class VX_EXPORT CThreadEx {
   // nothing the body still touches goes away under it.
   static void Dispose(CThreadEx* thread);
 
+  // The stack size of the threads that Start creates from now on; 0 (the
+  // default) takes the system's.
+  void SetStackSize(std::size_t bytes);
+
   CThreadEx(const CThreadEx&) = delete;
   CThreadEx& operator=(const CThreadEx&) = delete;
 
  private:
   struct State;
-  static void Trampoline(CThreadEx* self, std::shared_ptr<State> state);
+  struct Launch;
+  static void Trampoline(void* launch);
   std::shared_ptr<State> state_;
 };
 

@@ -3,6 +3,7 @@
 // the virtual operations of what it returns.
 #pragma once
 
+#include "vxproxy/extensions.h"
 #include "vxproxy/filterengine.h"
 #include "vxproxy/log.h"
 #include "vxproxy/messages.h"

@@ -16,7 +16,18 @@ const CProxyClient::HandlerRow CProxyClient::kHandlers[3] = {
     {kSchemeUnknown, &CProxyClient::HandleUnknown},
 };
 
-CProxyClient::CProxyClient(SOCKET accepted) : CThreadEx(), CHTTPRequest(accepted) {}
+namespace {
+
+// A session needs little stack: its deepest frames are a relay's receive
+// buffer and a rule match. The system's default (8 MiB here) would only cost
+// address space and the pages a finished thread leaves behind.
+constexpr std::size_t kWorkerStackBytes = 256 * 1024;
+
+}  // namespace
+
+CProxyClient::CProxyClient(SOCKET accepted) : CThreadEx(), CHTTPRequest(accepted) {
+  SetStackSize(kWorkerStackBytes);
+}
 
 CProxyClient::~CProxyClient() = default;
 

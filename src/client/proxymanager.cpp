@@ -36,6 +36,7 @@ bool CProxyManager::OnWorkerFinished(CProxyClient* worker) {
   CAutoSync guard(finishedLock_);
   if (std::find(finished_.begin(), finished_.end(), worker) == finished_.end()) {
     finished_.push_back(worker);
+    finishedCount_ = finished_.size();
   }
   return true;
 }
@@ -47,6 +48,7 @@ void CProxyManager::Reap() {
     CThreadEx::Dispose(worker);
   }
   finished_.clear();
+  finishedCount_ = 0;
 }
 
 void CProxyManager::StopAll() {

@@ -2,6 +2,7 @@
 // session has ended and that wait to be freed by the accept thread.
 #pragma once
 
+#include <atomic>
 #include <vector>
 
 #include "vxproxy/threads.h"
@@ -19,6 +20,9 @@ class CProxyManager {
   void Reap();
   void StopAll();
   int GetActiveCount();
+  // Whether finished workers wait to be freed; cheap enough for every pass
+  // of the accept loop.
+  bool HasFinished() const { return finishedCount_.load(std::memory_order_relaxed) > 0; }
 
   // Grace period of a shut-down: StopAll sleeps this long per look at the
   // finished list, at most kStopAllTries times. Tests may shorten the sleep.
@@ -34,4 +38,5 @@ class CProxyManager {
   CCriticalSectionEx activeLock_;
   CCriticalSectionEx finishedLock_;
   unsigned long stopAllSleepMs_ = kStopAllSleepMs;
+  std::atomic<std::size_t> finishedCount_{0};  // size of finished_
 };

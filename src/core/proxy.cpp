@@ -83,6 +83,7 @@ CVxHTTPProxyImpl::CVxHTTPProxyImpl()
       upstreamPort_(0),
       instance_(nullptr),
       traceMode_(1),
+      extensions_(0),
       clients_(CProxyManager::Instance()),
       headerManager_(new (std::nothrow) CHeaderManager()),
       filteredRequests_(0),
@@ -214,7 +215,8 @@ bool CVxHTTPProxyImpl::Start() {
     std::uint16_t bound = 0;
     if (os::getsockname(s, &address, &bound) == 0) port_ = bound;
   }
-  if (os::listen(s, kListenBacklog) != 0) {
+  const int backlog = HasExtension(kExtensionDeepAcceptQueue) ? os::kMaxListenBacklog : kListenBacklog;
+  if (os::listen(s, backlog) != 0) {
     LogLine(kLevelError, "Proxy failed to listen");
     return false;
   }
@@ -235,7 +237,9 @@ DWORD CVxHTTPProxyImpl::Run() {
   CProxyManager* clients = CProxyManager::Instance();
   DWORD lastReap = os::GetTickCount();
   for (;;) {
-    if (os::GetTickCount() - lastReap > kReapIntervalMs) {
+    // Finished workers are freed as soon as the loop comes round, so their
+    // threads' stacks go back at once instead of piling up between reapings.
+    if (clients->HasFinished() || os::GetTickCount() - lastReap > kReapIntervalMs) {
       clients->Reap();
       lastReap = os::GetTickCount();
     }
@@ -394,6 +398,14 @@ int CVxHTTPProxyImpl::ResetCounters() {
   blockedFlash_ = 0;
   return 0;
 }
+
+// ------------------------------------------------------------- extensions --
+
+unsigned CVxHTTPProxyImpl::SetExtensions(unsigned mask) {
+  return extensions_.exchange(mask & kExtensionsAll);
+}
+
+unsigned CVxHTTPProxyImpl::GetExtensions() { return extensions_; }
 
 // -------------------------------------------------------------- type words --
 

@@ -78,6 +78,8 @@ class CVxHTTPProxyImpl final : public CVxHTTPProxy, public CRequestServices {
   void CountBlockedImage() override;
   void CountBlockedFlash() override;
   int ResetCounters() override;
+  unsigned SetExtensions(unsigned mask) override;
+  unsigned GetExtensions() override;
 
   // What the workers use.
   const CFilterEngineImpl& Filter() override { return filterEngine_; }
@@ -89,6 +91,7 @@ class CVxHTTPProxyImpl final : public CVxHTTPProxy, public CRequestServices {
   // Posts the event to every matching notify target.
   void Notify(unsigned short event) override;
   void CountBlockedSite(const char* site) override;
+  bool HasExtension(unsigned bit) override { return (extensions_.load(std::memory_order_relaxed) & bit) != 0; }
 
   unsigned short GetPort() const { return port_; }
   // The port is read from vexilo.ini only while it is unknown; forgetting it
@@ -115,6 +118,7 @@ class CVxHTTPProxyImpl final : public CVxHTTPProxy, public CRequestServices {
   unsigned short upstreamPort_;
   HMODULE instance_;
   std::atomic<int> traceMode_;
+  std::atomic<unsigned> extensions_;  // kExtension bits; read by every worker
   CProxyManager* clients_;
   CHeaderManager* headerManager_;
   CFilterEngineImpl filterEngine_;

@@ -1,6 +1,8 @@
 #include "vxproxy/threads.h"
 
 #include <chrono>
+#include <memory>
+#include <new>
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -17,16 +19,12 @@ std::chrono::milliseconds Millis(unsigned long timeout) {
 }
 
 // Joins a finished thread; a thread never joins itself.
-void Collect(std::thread& thread) {
-  if (!thread.joinable()) return;
-  try {
-    if (thread.get_id() == std::this_thread::get_id()) {
-      thread.detach();
-    } else {
-      thread.join();
-    }
-  } catch (const std::system_error&) {
-    // Nothing left to wait for.
+void Collect(os::NativeThread* thread) {
+  if (thread == nullptr) return;
+  if (os::IsCurrentThread(thread)) {
+    os::DetachThread(thread);
+  } else {
+    os::JoinThread(thread);
   }
 }
 
@@ -39,8 +37,8 @@ void Collect(std::thread& thread) {
 struct CThreadEx::State {
   std::mutex mutex;
   std::condition_variable ended;
-  std::thread thread;
-  std::thread::id worker;
+  os::NativeThread* thread = nullptr;  // until joined or detached
+  std::size_t stackBytes = 0;
   bool running = false;        // what isRunning reports
   bool inBody = false;         // the body has not returned yet
   bool killed = false;         // abandoned by Kill while in its body
@@ -50,16 +48,26 @@ struct CThreadEx::State {
 CThreadEx::CThreadEx() : state_(std::make_shared<State>()) {}
 
 CThreadEx::~CThreadEx() {
-  std::thread thread;
+  os::NativeThread* thread = nullptr;
   {
     std::lock_guard<std::mutex> lock(state_->mutex);
-    thread = std::move(state_->thread);
+    thread = std::exchange(state_->thread, nullptr);
   }
   // A killed thread was detached already; any other is waited for.
   Collect(thread);
 }
 
-void CThreadEx::Trampoline(CThreadEx* self, std::shared_ptr<State> state) {
+// What a new thread needs: its object, and the state that outlives it.
+struct CThreadEx::Launch {
+  CThreadEx* self;
+  std::shared_ptr<State> state;
+};
+
+void CThreadEx::Trampoline(void* raw) {
+  std::unique_ptr<Launch> launch(static_cast<Launch*>(raw));
+  CThreadEx* const self = launch->self;
+  const std::shared_ptr<State> state = std::move(launch->state);
+  launch.reset();
   try {
     self->Run();
   } catch (...) {
@@ -79,12 +87,12 @@ void CThreadEx::Trampoline(CThreadEx* self, std::shared_ptr<State> state) {
 }
 
 bool CThreadEx::Start() {
-  std::thread previous;
+  os::NativeThread* previous = nullptr;
   {
     std::lock_guard<std::mutex> lock(state_->mutex);
     // Running, or killed but still inside its body.
     if (state_->inBody) return false;
-    previous = std::move(state_->thread);
+    previous = std::exchange(state_->thread, nullptr);
   }
   Collect(previous);
 
@@ -93,15 +101,22 @@ bool CThreadEx::Start() {
   state_->running = true;
   state_->inBody = true;
   state_->killed = false;
-  try {
-    state_->thread = std::thread(&CThreadEx::Trampoline, this, state_);
-  } catch (const std::system_error&) {
+  auto* launch = new (std::nothrow) Launch{this, state_};
+  state_->thread = launch != nullptr
+                       ? os::StartThread(&CThreadEx::Trampoline, launch, state_->stackBytes)
+                       : nullptr;
+  if (state_->thread == nullptr) {
+    delete launch;
     state_->running = false;
     state_->inBody = false;
     return false;
   }
-  state_->worker = state_->thread.get_id();
   return true;
+}
+
+void CThreadEx::SetStackSize(std::size_t bytes) {
+  std::lock_guard<std::mutex> lock(state_->mutex);
+  state_->stackBytes = bytes;
 }
 
 bool CThreadEx::isRunning() {
@@ -112,18 +127,18 @@ bool CThreadEx::isRunning() {
 bool CThreadEx::Stop() { return Stop(kWaitForever); }
 
 bool CThreadEx::Stop(unsigned long timeout) {
-  std::thread finished;
+  os::NativeThread* finished = nullptr;
   {
     std::unique_lock<std::mutex> lock(state_->mutex);
     // The body cannot wait for its own end.
-    if (state_->running && state_->worker == std::this_thread::get_id()) return false;
+    if (state_->running && os::IsCurrentThread(state_->thread)) return false;
     const auto ended = [this] { return !state_->running; };
     if (IsForever(timeout)) {
       state_->ended.wait(lock, ended);
     } else if (!state_->ended.wait_for(lock, Millis(timeout), ended)) {
       return false;
     }
-    finished = std::move(state_->thread);
+    finished = std::exchange(state_->thread, nullptr);
   }
   Collect(finished);
   return true;
@@ -134,7 +149,7 @@ void CThreadEx::Kill() {
   if (!state_->inBody) return;
   state_->killed = true;
   state_->running = false;
-  if (state_->thread.joinable()) state_->thread.detach();
+  os::DetachThread(std::exchange(state_->thread, nullptr));
   state_->ended.notify_all();
 }
 

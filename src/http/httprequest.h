@@ -19,7 +19,7 @@ class CVxHTTPProxy;
 
 // Fixed sizes and limits of the HTTP layer.
 constexpr int kHeaderRecvBytes = 1024;      // stack buffer of header and chunk receives
-constexpr int kRelayRecvBytes = 4096;       // stack buffer of relays and the tunnel
+constexpr int kRelayRecvBytes = 65536;      // stack buffer of relays and the tunnel
 constexpr int kWaitSliceMs = 5000;          // longest single select of a wait
 constexpr int kUnknownBodyLength = 0x7FFFFFFF;  // "read until the server closes"
 

@@ -25,6 +25,8 @@ class CRequestServices {
   virtual void Notify(unsigned short event) = 0;
   // Counts one blocked request for the site in the statistics.
   virtual void CountBlockedSite(const char* site) = 0;
+  // True when the host switched the extension on (a kExtension bit).
+  virtual bool HasExtension(unsigned bit) = 0;
 
   // Writes one whole line to the service's memory log. Its users run on many
   // threads, so the line is built under the log's lock and never interleaves.

@@ -4,8 +4,10 @@
 #include <algorithm>
 
 #include "http/httprequest.h"
+#include "http/services.h"
 #include "log/levels.h"
 #include "platform/platform.h"
+#include "vxproxy/extensions.h"
 
 int CHTTPRequest::SendAll(SOCKET socket, const char* data, int length) {
   if (length <= 0) return 0;
@@ -172,9 +174,17 @@ int CHTTPRequest::Tunnel(SOCKET first, SOCKET second) {
 bool CHTTPRequest::IsUpstreamAlive() {
   const SOCKET upstream = upstreamSocket_;
   if (upstream == INVALID_SOCKET) return false;
-  const int ready = WaitForData(upstream, INVALID_SOCKET, waits_.livenessMs);
-  // Quiet for the whole wait: alive.
-  if (!IsReady(ready)) return ready == kIoTimeout;
+  if (services_->HasExtension(kExtensionQuickLiveness)) {
+    // Quiet right now: alive. A close that races with the reuse fails the
+    // first attempt, and the session tries again on a new connection.
+    const int ready = os::SelectRead(upstream, INVALID_SOCKET, 0, 0);
+    if (ready < 0) return false;
+    if (ready == 0) return true;
+  } else {
+    const int ready = WaitForData(upstream, INVALID_SOCKET, waits_.livenessMs);
+    // Quiet for the whole wait: alive.
+    if (!IsReady(ready)) return ready == kIoTimeout;
+  }
   // Readable: either the server closed (recv sees 0) or sent something we
   // leave queued for the next read.
   char byte = 0;

@@ -44,6 +44,8 @@ int BindAny(SOCKET s, std::uint16_t port);
 // Binds to one local IPv4 address (host order), e.g. a client's source address.
 int Bind(SOCKET s, std::uint32_t address, std::uint16_t port);
 int listen(SOCKET s, int backlog);
+// A backlog that asks for the longest accept queue the system allows.
+constexpr int kMaxListenBacklog = 0x7FFFFFFF;
 // Accepts a connection; the peer's IPv4 address and port come back in host order.
 SOCKET accept(SOCKET s, std::uint32_t* peerAddress, std::uint16_t* peerPort);
 // Local and peer ends of a connected or bound socket, host order. 0 on success.
@@ -81,6 +83,18 @@ DWORD GetModuleFileNameA(HMODULE module, char* buffer, DWORD size);
 HMODULE GetModuleHandleOf(const void* address);
 // The computer name. True on success; size is in/out as on Windows.
 bool GetComputerNameA(char* buffer, DWORD* size);
+
+// Threads with a chosen stack size (0: the system's default). StartThread
+// returns null when no thread could be started. Every started thread is
+// either joined (JoinThread waits for its end) or detached; both free the
+// handle. A thread's stack goes back to the system when it is joined, or
+// when it ends if it was detached.
+struct NativeThread;
+NativeThread* StartThread(void (*body)(void*), void* argument, std::size_t stackBytes);
+void JoinThread(NativeThread* thread);
+void DetachThread(NativeThread* thread);
+// True when called on the thread itself.
+bool IsCurrentThread(const NativeThread* thread);
 
 // Milliseconds since an arbitrary start, wrapping at 2^32.
 DWORD GetTickCount();

@@ -64,6 +64,10 @@ void DriveService(CVxHTTPProxy* proxy, const std::string& folder) {
             proxy->GetBlockedFlash() == 1,
         "counters");
   Check(proxy->ResetCounters() == 0 && proxy->GetFilteredRequests() == 0, "ResetCounters");
+  // A fresh module runs as designed; unknown bits are not taken.
+  Check(proxy->GetExtensions() == 0 && proxy->SetExtensions(kExtensionsAll | 0x80000000u) == 0 &&
+            proxy->GetExtensions() == kExtensionsAll && proxy->SetExtensions(0) == kExtensionsAll,
+        "Extensions");
 
   NotifyTarget* target = proxy->AddNotifyTarget(nullptr, 7, 0x401, 1, true);
   Check(target != nullptr && proxy->AddNotifyTarget(nullptr, 7, 0x401, 3, false) == target,

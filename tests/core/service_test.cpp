@@ -83,6 +83,8 @@ TEST(ServiceSlots, VirtualOrderMatchesTheHostTable) {
   EXPECT_EQ(VtableIndex(&P::CountBlockedImage), 47u);
   EXPECT_EQ(VtableIndex(&P::CountBlockedFlash), 48u);
   EXPECT_EQ(VtableIndex(&P::ResetCounters), 49u);
+  EXPECT_EQ(VtableIndex(&P::SetExtensions), 50u);
+  EXPECT_EQ(VtableIndex(&P::GetExtensions), 51u);
 }
 
 TEST(ServiceSlots, SiteCounterSlotsFollowTheStore) {

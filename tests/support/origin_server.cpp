@@ -181,7 +181,13 @@ void OriginServer::Serve(Connection* c) {
       }
       break;
     }
-    if (!SendAllBytes(c->socket, reply.bytes) || reply.closeAfter) break;
+    if (!SendAllBytes(c->socket, reply.bytes)) break;
+    if (reply.closeAfter) {
+      if (reply.closeDelayMs > 0) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(reply.closeDelayMs));
+      }
+      break;
+    }
   }
   CloseSocket(c->socket);
 }

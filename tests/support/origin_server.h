@@ -42,6 +42,9 @@ struct OriginReply {
   bool hold = false;         // send nothing and answer nothing more; keep the
                              // connection open (still recording what arrives)
                              // until the peer closes or the server stops
+  int closeDelayMs = 0;      // with closeAfter: close this long after sending,
+                             // dropping what arrives meanwhile (a server's idle
+                             // close racing with the client's next request)
 
   // 200 (or status) with Content-Length.
   static OriginReply Counted(const std::string& body, const std::string& contentType = "text/html",
@@ -65,8 +68,9 @@ struct OriginReply {
   // Close the connection without a reply.
   static OriginReply Hangup() { return OriginReply{"", true, false}; }
 
-  OriginReply& ThenClose() {
+  OriginReply& ThenClose(int delayMs = 0) {
     closeAfter = true;
+    closeDelayMs = delayMs;
     return *this;
   }
 };

@@ -45,4 +45,8 @@ class ChildProcess {
   std::string pending_;
 };
 
+// Threads of this process right now, as the system counts them (-1 when it
+// cannot tell).
+int ThreadCount();
+
 }  // namespace vxtest
