@@ -36,6 +36,11 @@ class VX_EXPORT CThreadEx {
   // nothing the body still touches goes away under it.
   static void Dispose(CThreadEx* thread);
 
+  // True when the thread has ended and was collected (or never ran); false,
+  // without waiting, while it still runs. A worker for which this returned
+  // true may be destroyed at once.
+  bool TryCollect();
+
   // The stack size of the threads that Start creates from now on; 0 (the
   // default) takes the system's.
   void SetStackSize(std::size_t bytes);

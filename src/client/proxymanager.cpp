@@ -51,6 +51,20 @@ void CProxyManager::Reap() {
   finishedCount_ = 0;
 }
 
+void CProxyManager::ReapEnded() {
+  CAutoSync guard(finishedLock_);
+  std::size_t kept = 0;
+  for (CProxyClient* worker : finished_) {
+    if (worker->TryCollect()) {
+      CThreadEx::Dispose(worker);
+    } else {
+      finished_[kept++] = worker;
+    }
+  }
+  finished_.resize(kept);
+  finishedCount_ = kept;
+}
+
 void CProxyManager::StopAll() {
   CRequestServices* proxy = RequestServices();
   size_t total = 0;

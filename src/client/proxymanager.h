@@ -18,6 +18,9 @@ class CProxyManager {
   bool Add(CProxyClient* worker);
   bool OnWorkerFinished(CProxyClient* worker);
   void Reap();
+  // Frees the finished workers whose threads have already ended and leaves
+  // the others for later; never waits for a thread.
+  void ReapEnded();
   void StopAll();
   int GetActiveCount();
   // Whether finished workers wait to be freed; cheap enough for every pass

@@ -237,11 +237,14 @@ DWORD CVxHTTPProxyImpl::Run() {
   CProxyManager* clients = CProxyManager::Instance();
   DWORD lastReap = os::GetTickCount();
   for (;;) {
-    // Finished workers are freed as soon as the loop comes round, so their
-    // threads' stacks go back at once instead of piling up between reapings.
-    if (clients->HasFinished() || os::GetTickCount() - lastReap > kReapIntervalMs) {
+    if (os::GetTickCount() - lastReap > kReapIntervalMs) {
       clients->Reap();
       lastReap = os::GetTickCount();
+    } else if (clients->HasFinished()) {
+      // Workers whose threads have ended are freed as soon as the loop comes
+      // round, so their stacks go back at once instead of piling up between
+      // reapings; one still on its way out waits for a later pass.
+      clients->ReapEnded();
     }
     const SOCKET listener = listenSocket_;
     const int ready = os::SelectRead(listener, INVALID_SOCKET, kAcceptWaitSeconds, 0);

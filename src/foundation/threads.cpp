@@ -114,6 +114,14 @@ bool CThreadEx::Start() {
   return true;
 }
 
+bool CThreadEx::TryCollect() {
+  std::lock_guard<std::mutex> lock(state_->mutex);
+  if (state_->inBody) return false;
+  if (!os::TryJoinThread(state_->thread)) return false;
+  state_->thread = nullptr;
+  return true;
+}
+
 void CThreadEx::SetStackSize(std::size_t bytes) {
   std::lock_guard<std::mutex> lock(state_->mutex);
   state_->stackBytes = bytes;

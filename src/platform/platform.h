@@ -92,6 +92,9 @@ bool GetComputerNameA(char* buffer, DWORD* size);
 struct NativeThread;
 NativeThread* StartThread(void (*body)(void*), void* argument, std::size_t stackBytes);
 void JoinThread(NativeThread* thread);
+// Joins the thread only if it has already ended; true (and the handle freed)
+// when it was joined, false at once when it still runs.
+bool TryJoinThread(NativeThread* thread);
 void DetachThread(NativeThread* thread);
 // True when called on the thread itself.
 bool IsCurrentThread(const NativeThread* thread);

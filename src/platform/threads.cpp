@@ -57,6 +57,13 @@ void JoinThread(NativeThread* thread) {
   delete thread;
 }
 
+bool TryJoinThread(NativeThread* thread) {
+  if (thread == nullptr) return true;
+  if (pthread_tryjoin_np(thread->id, nullptr) != 0) return false;
+  delete thread;
+  return true;
+}
+
 void DetachThread(NativeThread* thread) {
   if (thread == nullptr) return;
   pthread_detach(thread->id);
