@@ -223,8 +223,16 @@ bool CProxyClient::RelayResponse() {
   }
 
   verdict_ = VerdictNoMatch;
-  if (SendAll(clientSocket_, startLine_, startLine_.GetSize()) == kIoError) return false;
-  if (SendAll(clientSocket_, headerLines_, headerLines_.GetSize()) == kIoError) return false;
+  // The status line and the fields leave in one send, together with the body
+  // bytes that came with them when a counted or unframed body follows.
+  CBufStream head;
+  head.AddString(startLine_.GetBuffer(), startLine_.GetSize());
+  head.AddString(headerLines_.GetBuffer(), headerLines_.GetSize());
+  const bool bodyFollows =
+      !chunkedFlag_ && (contentLength_ != 0 || IsBodyAllowed());
+  if (!bodyFollows && SendAll(clientSocket_, head.GetBuffer(), head.GetSize()) == kIoError) {
+    return false;
+  }
 
   if (chunkedFlag_) {
     eventLog_ << CLogManip(kLevelVerbose) << connectionTag_.GetBuffer()
@@ -244,7 +252,7 @@ bool CProxyClient::RelayResponse() {
     }
   }
   if (contentLength_ != 0 &&
-      ForwardBody(upstreamSocket_, clientSocket_, contentLength_, nullptr) == kIoError) {
+      ForwardBody(upstreamSocket_, clientSocket_, contentLength_, nullptr, &head) == kIoError) {
     return false;
   }
   if (untilClose || closeFlag_) CloseUpstream();

@@ -83,7 +83,10 @@ class CHTTPRequest {
   int RelayBytes(SOCKET source, SOCKET destination, int count, CBufStream* copy);
   int RelayStep(SOCKET source, SOCKET destination, int want, CBufStream* copy);
   int RelayWatched(SOCKET source, SOCKET destination, int limit, CBufStream* copy);
-  int ForwardBody(SOCKET source, SOCKET destination, int length, CBufStream* copy);
+  // A head, when given, goes to the destination first, in the same send as
+  // the body bytes already received.
+  int ForwardBody(SOCKET source, SOCKET destination, int length, CBufStream* copy,
+                  const CBufStream* head = nullptr);
   int DiscardBody(SOCKET source);
   int Tunnel(SOCKET first, SOCKET second);
   bool IsUpstreamAlive();

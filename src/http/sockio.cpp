@@ -133,10 +133,20 @@ int CHTTPRequest::RelayWatched(SOCKET source, SOCKET destination, int limit, CBu
   return total;
 }
 
-int CHTTPRequest::ForwardBody(SOCKET source, SOCKET destination, int length, CBufStream* copy) {
+int CHTTPRequest::ForwardBody(SOCKET source, SOCKET destination, int length, CBufStream* copy,
+                              const CBufStream* head) {
+  const bool withHead = head != nullptr && head->GetSize() > 0 && destination != INVALID_SOCKET;
+  if (withHead && receiveBuffer_.GetSize() > 0) {
+    // One send for both: the peer wakes once, and a failure is the head's.
+    CBufStream joined(*head);
+    joined.AddString(receiveBuffer_.GetBuffer(), receiveBuffer_.GetSize());
+    if (SendAll(destination, joined.GetBuffer(), joined.GetSize()) == kIoError) return kIoError;
+  } else if (withHead && SendAll(destination, head->GetBuffer(), head->GetSize()) == kIoError) {
+    return kIoError;
+  }
   int pre = 0;
   if (receiveBuffer_.GetSize() > 0) {
-    if (destination != INVALID_SOCKET &&
+    if (!withHead && destination != INVALID_SOCKET &&
         SendAll(destination, receiveBuffer_.GetBuffer(), receiveBuffer_.GetSize()) ==
             kIoError) {
       eventLog_ << CLogManip(kLevelVerbose) << connectionTag_ << "Failed to push Data to the socket "

@@ -45,11 +45,19 @@ struct SocketUse {
   bool closing = false;
 };
 
-std::mutex g_useLock;
-std::unordered_map<int, SocketUse> g_uses;
-// Descriptors shut down by shutdown() and not closed yet; a connect on one of
-// them fails instead of starting.
-std::unordered_set<int> g_shut;
+// The records are spread over shards by descriptor, so that the sessions'
+// calls on their own sockets do not all queue for one lock.
+struct UseShard {
+  std::mutex lock;
+  std::unordered_map<int, SocketUse> uses;
+  // Descriptors shut down by shutdown() and not closed yet; a connect on one
+  // of them fails instead of starting.
+  std::unordered_set<int> shut;
+};
+constexpr int kUseShards = 64;
+UseShard g_shards[kUseShards];
+
+UseShard& ShardOf(int fd) { return g_shards[fd % kUseShards]; }
 
 int ToFd(SOCKET s) {
   if (s == INVALID_SOCKET || s > static_cast<SOCKET>(INT_MAX)) return -1;
@@ -62,8 +70,9 @@ class SocketCall {
  public:
   explicit SocketCall(SOCKET s) : fd_(ToFd(s)) {
     if (fd_ < 0) return;
-    std::lock_guard<std::mutex> guard(g_useLock);
-    SocketUse& use = g_uses[fd_];
+    UseShard& shard = ShardOf(fd_);
+    std::lock_guard<std::mutex> guard(shard.lock);
+    SocketUse& use = shard.uses[fd_];
     if (use.closing) {
       fd_ = -1;
       return;
@@ -73,11 +82,12 @@ class SocketCall {
   ~SocketCall() {
     if (fd_ < 0) return;
     const int saved = errno;
-    std::lock_guard<std::mutex> guard(g_useLock);
-    auto it = g_uses.find(fd_);
-    if (it != g_uses.end() && --it->second.busy == 0) {
+    UseShard& shard = ShardOf(fd_);
+    std::lock_guard<std::mutex> guard(shard.lock);
+    auto it = shard.uses.find(fd_);
+    if (it != shard.uses.end() && --it->second.busy == 0) {
       if (it->second.closing) ::close(fd_);
-      g_uses.erase(it);
+      shard.uses.erase(it);
     }
     errno = saved;
   }
@@ -142,11 +152,12 @@ SOCKET CreateTcpSocket() {
 int closesocket(SOCKET s) {
   const int fd = ToFd(s);
   if (fd < 0) return Fail(EBADF);
-  std::lock_guard<std::mutex> guard(g_useLock);
-  auto it = g_uses.find(fd);
-  if (it != g_uses.end() && it->second.closing) return Fail(EBADF);
-  g_shut.erase(fd);
-  if (it != g_uses.end()) {
+  UseShard& shard = ShardOf(fd);
+  std::lock_guard<std::mutex> guard(shard.lock);
+  auto it = shard.uses.find(fd);
+  if (it != shard.uses.end() && it->second.closing) return Fail(EBADF);
+  shard.shut.erase(fd);
+  if (it != shard.uses.end()) {
     // Calls are still running on it: wake them and let the last one close.
     it->second.closing = true;
     ::shutdown(fd, SHUT_RDWR);
@@ -162,10 +173,11 @@ int closesocket(SOCKET s) {
 int shutdown(SOCKET s) {
   const int fd = ToFd(s);
   if (fd < 0) return Fail(EBADF);
-  std::lock_guard<std::mutex> guard(g_useLock);
-  auto it = g_uses.find(fd);
-  if (it != g_uses.end() && it->second.closing) return Fail(EBADF);
-  g_shut.insert(fd);
+  UseShard& shard = ShardOf(fd);
+  std::lock_guard<std::mutex> guard(shard.lock);
+  auto it = shard.uses.find(fd);
+  if (it != shard.uses.end() && it->second.closing) return Fail(EBADF);
+  shard.shut.insert(fd);
   // A socket that is not connected yet reports ENOTCONN; the mark covers it.
   ::shutdown(fd, SHUT_RDWR);
   return 0;
@@ -246,8 +258,9 @@ int getpeername(SOCKET s, std::uint32_t* address, std::uint16_t* port) {
 namespace {
 
 bool IsShut(int fd) {
-  std::lock_guard<std::mutex> guard(g_useLock);
-  return g_shut.count(fd) != 0;
+  UseShard& shard = ShardOf(fd);
+  std::lock_guard<std::mutex> guard(shard.lock);
+  return shard.shut.count(fd) != 0;
 }
 
 // Waits for a connect in progress; 0 or the error it ended with.
