@@ -93,10 +93,9 @@ class VX_EXPORT CCriticalSectionEx : public CSynchronizationBase {
   void UnLock() override;
 
  private:
-  std::mutex mutex_;
-  std::condition_variable released_;
-  std::thread::id owner_;
-  unsigned long depth_ = 0;  // entries of the owner not yet left
+  std::timed_mutex held_;                // held while a thread owns the section
+  std::atomic<std::thread::id> owner_;   // that thread, or none
+  unsigned long depth_ = 0;              // its entries not yet left; the owner's alone
 };
 
 namespace os { struct NamedSemaphore; }

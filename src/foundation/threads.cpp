@@ -185,30 +185,29 @@ CCriticalSectionEx::~CCriticalSectionEx() = default;
 
 void CCriticalSectionEx::Enter() { Lock(kWaitForever); }
 
+// Only the owner ever finds its own id in owner_, so reading it without the
+// lock is safe: another thread sees some other id or none.
 void CCriticalSectionEx::Leave() {
-  std::lock_guard<std::mutex> lock(mutex_);
   // Only the owner leaves; a stray Leave from another thread changes nothing.
-  if (depth_ == 0 || owner_ != std::this_thread::get_id()) return;
+  if (owner_.load(std::memory_order_relaxed) != std::this_thread::get_id()) return;
   if (--depth_ == 0) {
-    owner_ = std::thread::id();
-    released_.notify_one();
+    owner_.store(std::thread::id(), std::memory_order_relaxed);
+    held_.unlock();
   }
 }
 
 unsigned long CCriticalSectionEx::Lock(unsigned long timeout) {
   const std::thread::id self = std::this_thread::get_id();
-  std::unique_lock<std::mutex> lock(mutex_);
-  if (depth_ > 0 && owner_ == self) {
+  if (owner_.load(std::memory_order_relaxed) == self) {
     ++depth_;
     return kLockAcquired;
   }
-  const auto free = [this] { return depth_ == 0; };
   if (IsForever(timeout)) {
-    released_.wait(lock, free);
-  } else if (!released_.wait_for(lock, Millis(timeout), free)) {
+    held_.lock();
+  } else if (!held_.try_lock_for(Millis(timeout))) {
     return kLockTimedOut;
   }
-  owner_ = self;
+  owner_.store(self, std::memory_order_relaxed);
   depth_ = 1;
   return kLockAcquired;
 }
