@@ -7,6 +7,16 @@
 #include "http/services.h"
 #include "vxproxy/proxy.h"
 
+namespace {
+
+// A browser's header is read in small pieces, so that a request sent right
+// behind it stays in the socket for the next read. A server sends nothing
+// before it is asked, so its header is read in larger pieces, which usually
+// bring a small body along in the same receive.
+constexpr int kResponseRecvBytes = 16384;
+
+}  // namespace
+
 int CHTTPRequest::ReadHeader(SOCKET socket, bool isRequest) {
   if (isRequest) {
     refererHost_.Initialize();
@@ -23,7 +33,8 @@ int CHTTPRequest::ReadHeader(SOCKET socket, bool isRequest) {
 
   int waitSeconds = isRequest ? waits_.requestFirstSec : waits_.responseSec;
   CHeaderScanner scanner(isRequest);
-  char buffer[kHeaderRecvBytes];
+  char buffer[kResponseRecvBytes];
+  const int pieceBytes = isRequest ? kHeaderRecvBytes : kResponseRecvBytes;
   for (;;) {
     if (!IsReady(WaitForSocket(socket, waitSeconds))) {
       eventLog_ << CLogManip(kLevelVerbose) << connectionTag_
@@ -31,7 +42,7 @@ int CHTTPRequest::ReadHeader(SOCKET socket, bool isRequest) {
                 << lend;
       return kReadHeaderWaitFailed;
     }
-    const int n = CountReceived(socket, os::recv(socket, buffer, sizeof buffer, 0));
+    const int n = CountReceived(socket, os::recv(socket, buffer, pieceBytes, 0));
     if (n == 0) return kReadHeaderClosed;
     if (n < 0) {
       // The request line goes after the line end and so opens the next entry.
