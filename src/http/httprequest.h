@@ -106,7 +106,6 @@ class CHTTPRequest {
 
   // ------------------------------------- request target and connect --
   void ParseRequestTarget(const CStringBuffer& startLine);
-  void SplitHostPort();
   static unsigned short SplitHostPort(const char* hostPort, CStringBuffer& host);
   bool ConnectUpstream();
 

@@ -1,5 +1,8 @@
 // The request line split into scheme, host, port, path and type word, and
 // the connection to the server the session chose.
+#include "http/requesttarget.h"
+
+#include <cstddef>
 #include <cstdlib>
 #include <vector>
 
@@ -19,90 +22,101 @@ unsigned short PortNumber(const char* text) {
   return static_cast<unsigned short>(std::atoi(text));
 }
 
-}  // namespace
-
-void CHTTPRequest::ParseRequestTarget(const CStringBuffer& startLine) {
-  CStringBuffer line(startLine);
-  scheme_.Initialize();
-  host_.Initialize();
-  CStringBuffer token;
-  line >> method_ >> token >> version_;
-  path_.Initialize();
-
-  const auto hostField = headerMap_.find("host");
-  const char* hostEntry = hostField != headerMap_.end() ? hostField->second.c_str() : "";
-  const char* separator = token.Find("://");
-  if (separator != nullptr && token.OffsetOf(separator) <= kMaxSchemeLength) {
-    const int schemeLength = token.OffsetOf(separator);
-    scheme_.AddString(token.GetBuffer(), schemeLength);
-    token.Move(0, schemeLength + 3);
-    token.Trim();
-    if (const char* slash = token.FindChar('/')) {
-      const int hostLength = token.OffsetOf(slash);
-      host_.AddString(token.GetBuffer(), hostLength);
-      token.Move(0, hostLength);
-    } else {
-      host_ = token;
-      token = "/";
-    }
-    if (proxyDestination_.GetSize() > 0) {
-      CStringBuffer note("Needs to set host as ");
-      note << proxyDestination_ << endl;
-      os::OutputDebugStringA(note);
-    }
-  } else if (separator != nullptr) {
-    scheme_ = "http";
-    host_ = hostEntry;
-  } else {
-    if (proxyDestination_.GetSize() > 0) {
-      CStringBuffer note("1. Needs to set host as ");
-      note << proxyDestination_ << endl;
-      os::OutputDebugStringA(note);
-    }
-    if (method_ == "Connect") {
-      scheme_ = "https";
-      host_ = token;
-      token.Initialize();
-    } else if (*hostEntry != '\0') {
-      scheme_ = "http";
-      host_ = hostEntry;
-    } else {
-      host_ = "localhost";
-    }
-  }
-  SplitHostPort();
-
-  path_ = token;
-  requestTarget_ = token;
-  if (const char* query = path_.FindChar('?')) path_.BreakAt(path_.OffsetOf(query));
-  path_.Trim();
-
-  if (char* slash = path_.ReverseFindChar('/')) {
-    const char* dot = CStringBuffer::ReverseFindChar(slash + 1, '.');
-    typeWord_ = dot != nullptr ? dot + 1 : "unknown";
-    services_->NormalizeTypeWord(typeWord_);
-  } else {
-    typeWord_ = "unknown";
-  }
-}
-
-void CHTTPRequest::SplitHostPort() {
-  const char* colon = host_.FindChar(':');
-  if (colon == nullptr) {
-    urlPort_ = kHttpPort;
-    return;
-  }
-  urlPort_ = PortNumber(colon + 1);
-  host_.BreakAt(host_.OffsetOf(colon));
-}
-
-unsigned short CHTTPRequest::SplitHostPort(const char* hostPort, CStringBuffer& host) {
-  host = hostPort;
+// Cuts ":port" off host at its first colon and returns the port; 80 when
+// there is no colon.
+unsigned short BreakOffPort(CStringBuffer& host) {
   const char* colon = host.FindChar(':');
   if (colon == nullptr) return kHttpPort;
   const unsigned short port = PortNumber(colon + 1);
   host.BreakAt(host.OffsetOf(colon));
   return port;
+}
+
+}  // namespace
+
+RequestTargetParts ParseRequestTarget(std::string_view startLine, const char* hostField) {
+  RequestTargetParts parts;
+  CStringBuffer line;
+  line.AddString(startLine.data(), static_cast<int>(startLine.size()));
+  CStringBuffer token;
+  line >> parts.method >> token >> parts.version;
+
+  const char* separator = token.Find("://");
+  if (separator != nullptr && token.OffsetOf(separator) <= kMaxSchemeLength) {
+    parts.form = RequestTargetForm::kAbsolute;
+    const int schemeLength = token.OffsetOf(separator);
+    parts.scheme.AddString(token.GetBuffer(), schemeLength);
+    token.Move(0, schemeLength + 3);
+    token.Trim();
+    if (const char* slash = token.FindChar('/')) {
+      const int hostLength = token.OffsetOf(slash);
+      parts.host.AddString(token.GetBuffer(), hostLength);
+      token.Move(0, hostLength);
+    } else {
+      parts.host = token;
+      token = "/";
+    }
+  } else if (separator != nullptr) {
+    parts.form = RequestTargetForm::kUrlInside;
+    parts.scheme = "http";
+    parts.host = hostField;
+  } else {
+    parts.form = RequestTargetForm::kNoUrl;
+    if (parts.method == "Connect") {
+      parts.scheme = "https";
+      parts.host = token;
+      token.Initialize();
+    } else if (*hostField != '\0') {
+      parts.scheme = "http";
+      parts.host = hostField;
+    } else {
+      parts.host = "localhost";
+    }
+  }
+  parts.port = BreakOffPort(parts.host);
+
+  parts.path = token;
+  parts.requestTarget = token;
+  if (const char* query = parts.path.FindChar('?')) parts.path.BreakAt(parts.path.OffsetOf(query));
+  parts.path.Trim();
+
+  if (char* slash = parts.path.ReverseFindChar('/')) {
+    const char* dot = CStringBuffer::ReverseFindChar(slash + 1, '.');
+    parts.typeWord = dot != nullptr ? dot + 1 : "unknown";
+    parts.typeWordFromPath = true;
+  } else {
+    parts.typeWord = "unknown";
+  }
+  return parts;
+}
+
+void CHTTPRequest::ParseRequestTarget(const CStringBuffer& startLine) {
+  const auto hostField = headerMap_.find("host");
+  const char* hostEntry = hostField != headerMap_.end() ? hostField->second.c_str() : "";
+  const RequestTargetParts parts = ::ParseRequestTarget(
+      std::string_view(startLine.GetBuffer(), static_cast<std::size_t>(startLine.GetSize())),
+      hostEntry);
+
+  if (proxyDestination_.GetSize() > 0 && parts.form != RequestTargetForm::kUrlInside) {
+    CStringBuffer note(parts.form == RequestTargetForm::kAbsolute ? "Needs to set host as "
+                                                                  : "1. Needs to set host as ");
+    note << proxyDestination_ << endl;
+    os::OutputDebugStringA(note);
+  }
+  method_ = parts.method;
+  version_ = parts.version;
+  scheme_ = parts.scheme;
+  host_ = parts.host;
+  urlPort_ = parts.port;
+  path_ = parts.path;
+  requestTarget_ = parts.requestTarget;
+  typeWord_ = parts.typeWord;
+  if (parts.typeWordFromPath) services_->NormalizeTypeWord(typeWord_);
+}
+
+unsigned short CHTTPRequest::SplitHostPort(const char* hostPort, CStringBuffer& host) {
+  host = hostPort;
+  return BreakOffPort(host);
 }
 
 bool CHTTPRequest::ConnectUpstream() {

@@ -26,14 +26,12 @@ class TestRequest : public CHTTPRequest {
       CHTTPRequest::bytesFromUpstream_, CHTTPRequest::keptHost_, CHTTPRequest::connectHost_,
       CHTTPRequest::connectPort_;
   // The message read last, as the session uses it.
-  using CHTTPRequest::headerLines_, CHTTPRequest::otherHeaderLines_, CHTTPRequest::statusCode_,
-      CHTTPRequest::contentLength_, CHTTPRequest::closeFlag_, CHTTPRequest::headerMap_,
-      CHTTPRequest::refererHost_, CHTTPRequest::proxyConnectionLine_,
-      CHTTPRequest::responseTypeWord_;
-  // The request target and the verdict on it.
-  using CHTTPRequest::method_, CHTTPRequest::scheme_, CHTTPRequest::host_, CHTTPRequest::urlPort_,
-      CHTTPRequest::requestTarget_, CHTTPRequest::path_, CHTTPRequest::version_,
-      CHTTPRequest::typeWord_, CHTTPRequest::deferredCheck_, CHTTPRequest::verdict_;
+  using CHTTPRequest::headerLines_, CHTTPRequest::statusCode_, CHTTPRequest::contentLength_,
+      CHTTPRequest::closeFlag_, CHTTPRequest::headerMap_, CHTTPRequest::refererHost_,
+      CHTTPRequest::proxyConnectionLine_, CHTTPRequest::responseTypeWord_;
+  // The request and the verdict on it.
+  using CHTTPRequest::method_, CHTTPRequest::typeWord_, CHTTPRequest::deferredCheck_,
+      CHTTPRequest::verdict_;
 };
 
 inline std::string Text(const CBufStream& b) { return std::string(b.GetBuffer(), static_cast<std::size_t>(b.GetSize())); }
