@@ -41,9 +41,11 @@ class VX_EXPORT CThreadEx {
   // true may be destroyed at once.
   bool TryCollect();
 
-  // The stack size of the threads that Start creates from now on; 0 (the
-  // default) takes the system's.
-  void SetStackSize(std::size_t bytes);
+  // How Start runs the body from now on: on a thread with this stack size (0,
+  // the default, takes the system's), and with reuse on a thread that ran an
+  // earlier body and waits for work, when one is free. A reused thread keeps
+  // its id and thread-local state from body to body.
+  void SetThreadOptions(std::size_t stackBytes, bool reuse);
 
   CThreadEx(const CThreadEx&) = delete;
   CThreadEx& operator=(const CThreadEx&) = delete;

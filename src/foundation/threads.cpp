@@ -39,6 +39,7 @@ struct CThreadEx::State {
   std::condition_variable ended;
   os::NativeThread* thread = nullptr;  // until joined or detached
   std::size_t stackBytes = 0;
+  bool reuseThreads = false;
   bool running = false;        // what isRunning reports
   bool inBody = false;         // the body has not returned yet
   bool killed = false;         // abandoned by Kill while in its body
@@ -103,7 +104,8 @@ bool CThreadEx::Start() {
   state_->killed = false;
   auto* launch = new (std::nothrow) Launch{this, state_};
   state_->thread = launch != nullptr
-                       ? os::StartThread(&CThreadEx::Trampoline, launch, state_->stackBytes)
+                       ? os::StartThread(&CThreadEx::Trampoline, launch, state_->stackBytes,
+                                         state_->reuseThreads)
                        : nullptr;
   if (state_->thread == nullptr) {
     delete launch;
@@ -122,9 +124,10 @@ bool CThreadEx::TryCollect() {
   return true;
 }
 
-void CThreadEx::SetStackSize(std::size_t bytes) {
+void CThreadEx::SetThreadOptions(std::size_t stackBytes, bool reuse) {
   std::lock_guard<std::mutex> lock(state_->mutex);
-  state_->stackBytes = bytes;
+  state_->stackBytes = stackBytes;
+  state_->reuseThreads = reuse;
 }
 
 bool CThreadEx::isRunning() {

@@ -85,15 +85,17 @@ HMODULE GetModuleHandleOf(const void* address);
 bool GetComputerNameA(char* buffer, DWORD* size);
 
 // Threads with a chosen stack size (0: the system's default). StartThread
-// returns null when no thread could be started. Every started thread is
-// either joined (JoinThread waits for its end) or detached; both free the
-// handle. A thread's stack goes back to the system when it is joined, or
-// when it ends if it was detached.
+// returns null when no thread could be started. Every started body is either
+// joined (JoinThread waits for its end) or detached; both free the handle.
+// With reuse the body may run on a thread that ran an earlier body and has
+// waited for work since (its thread-local state and id carry over); such a
+// thread ends after a second without work.
 struct NativeThread;
-NativeThread* StartThread(void (*body)(void*), void* argument, std::size_t stackBytes);
+NativeThread* StartThread(void (*body)(void*), void* argument, std::size_t stackBytes,
+                          bool reuse = false);
 void JoinThread(NativeThread* thread);
-// Joins the thread only if it has already ended; true (and the handle freed)
-// when it was joined, false at once when it still runs.
+// Joins only a body that has already ended; true (and the handle freed) when
+// it was joined, false at once while it still runs.
 bool TryJoinThread(NativeThread* thread);
 void DetachThread(NativeThread* thread);
 // True when called on the thread itself.
