@@ -207,7 +207,10 @@ unsigned long CCriticalSectionEx::Lock(unsigned long timeout) {
   }
   if (IsForever(timeout)) {
     held_.lock();
-  } else if (!held_.try_lock_for(Millis(timeout))) {
+  } else if (!held_.try_lock_until(std::chrono::system_clock::now() + Millis(timeout))) {
+    // Against the system clock: that wait is pthread_mutex_timedlock, which
+    // every tool knows; the steady clock's variant is not seen by the thread
+    // checker, which then takes the next unlock for a stray one.
     return kLockTimedOut;
   }
   owner_.store(self, std::memory_order_relaxed);
