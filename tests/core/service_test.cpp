@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
@@ -34,57 +35,34 @@ unsigned short PortInIni(const std::string& ini) {
 
 TEST(ServiceSlots, VirtualOrderMatchesTheHostTable) {
   using P = CVxHTTPProxy;
-  // A virtual destructor takes two entries, so slot k >= 1 sits at index k + 1.
-  EXPECT_EQ(VtableIndex(&P::isRunning), 2u);
-  EXPECT_EQ(VtableIndex(static_cast<bool (P::*)()>(&P::Stop)), 3u);
-  EXPECT_EQ(VtableIndex(static_cast<bool (P::*)(unsigned long)>(&P::Stop)), 4u);
-  EXPECT_EQ(VtableIndex(&P::Start), 5u);
-  EXPECT_EQ(VtableIndex(&P::Kill), 6u);
-  EXPECT_EQ(VtableIndex(&P::Run), 7u);
-  EXPECT_EQ(VtableIndex(&P::Initialize), 8u);
-  EXPECT_EQ(VtableIndex(&P::Uninitialize), 9u);
-  EXPECT_EQ(VtableIndex(&P::GetMemLog), 10u);
-  EXPECT_EQ(VtableIndex(&P::GetLog), 11u);
-  EXPECT_EQ(VtableIndex(&P::GetSettings), 12u);
-  EXPECT_EQ(VtableIndex(&P::GetMimeType), 13u);
-  EXPECT_EQ(VtableIndex(&P::GetActiveClientCount), 14u);
-  EXPECT_EQ(VtableIndex(&P::GetFilterEngine), 15u);
-  EXPECT_EQ(VtableIndex(&P::GetHeaderManager), 16u);
-  EXPECT_EQ(VtableIndex(&P::IsFilteringEnabled), 17u);
-  EXPECT_EQ(VtableIndex(&P::EnableFiltering), 18u);
-  EXPECT_EQ(VtableIndex(&P::LoadPort), 19u);
-  EXPECT_EQ(VtableIndex(&P::SetUpstreamProxy), 20u);
-  EXPECT_EQ(VtableIndex(&P::GetUpstreamProxy), 21u);
-  EXPECT_EQ(VtableIndex(&P::SetInstanceHandle), 22u);
-  EXPECT_EQ(VtableIndex(&P::GetInstanceHandle), 23u);
-  EXPECT_EQ(VtableIndex(&P::Reserved23), 24u);
-  EXPECT_EQ(VtableIndex(&P::GetSiteCounter), 25u);
-  EXPECT_EQ(VtableIndex(&P::SetDataFolder), 26u);
-  EXPECT_EQ(VtableIndex(&P::SetFilterFolder), 27u);
-  EXPECT_EQ(VtableIndex(&P::SetLogFolder), 28u);
-  EXPECT_EQ(VtableIndex(&P::GetDataFolder), 29u);
-  EXPECT_EQ(VtableIndex(&P::GetFilterFolder), 30u);
-  EXPECT_EQ(VtableIndex(&P::GetLogFolder), 31u);
-  EXPECT_EQ(VtableIndex(&P::SetHostFolder), 32u);
-  EXPECT_EQ(VtableIndex(&P::GetHostFolder), 33u);
-  EXPECT_EQ(VtableIndex(&P::ReleaseDocuments), 34u);
-  EXPECT_EQ(VtableIndex(&P::OpenStatistics), 35u);
-  EXPECT_EQ(VtableIndex(&P::CloseStatistics), 36u);
-  EXPECT_EQ(VtableIndex(&P::AddNotifyTarget), 37u);
-  EXPECT_EQ(VtableIndex(&P::RemoveNotifyTarget), 38u);
-  EXPECT_EQ(VtableIndex(&P::GetTraceMode), 39u);
-  EXPECT_EQ(VtableIndex(&P::SetTraceMode), 40u);
-  EXPECT_EQ(VtableIndex(&P::LoadFilterLists), 41u);
-  EXPECT_EQ(VtableIndex(&P::IsLocalHostName), 42u);
-  EXPECT_EQ(VtableIndex(&P::CountFilteredRequest), 43u);
-  EXPECT_EQ(VtableIndex(&P::GetFilteredRequests), 44u);
-  EXPECT_EQ(VtableIndex(&P::GetBlockedImages), 45u);
-  EXPECT_EQ(VtableIndex(&P::GetBlockedFlash), 46u);
-  EXPECT_EQ(VtableIndex(&P::CountBlockedImage), 47u);
-  EXPECT_EQ(VtableIndex(&P::CountBlockedFlash), 48u);
-  EXPECT_EQ(VtableIndex(&P::ResetCounters), 49u);
-  EXPECT_EQ(VtableIndex(&P::SetExtensions), 50u);
-  EXPECT_EQ(VtableIndex(&P::GetExtensions), 51u);
+  // In slot order from slot 1 on; slot 0 is the virtual destructor.
+  const std::ptrdiff_t slots[] = {
+      VtableIndex(&P::isRunning), VtableIndex(static_cast<bool (P::*)()>(&P::Stop)),
+      VtableIndex(static_cast<bool (P::*)(unsigned long)>(&P::Stop)), VtableIndex(&P::Start),
+      VtableIndex(&P::Kill), VtableIndex(&P::Run), VtableIndex(&P::Initialize),
+      VtableIndex(&P::Uninitialize), VtableIndex(&P::GetMemLog), VtableIndex(&P::GetLog),
+      VtableIndex(&P::GetSettings), VtableIndex(&P::GetMimeType),
+      VtableIndex(&P::GetActiveClientCount), VtableIndex(&P::GetFilterEngine),
+      VtableIndex(&P::GetHeaderManager), VtableIndex(&P::IsFilteringEnabled),
+      VtableIndex(&P::EnableFiltering), VtableIndex(&P::LoadPort),
+      VtableIndex(&P::SetUpstreamProxy), VtableIndex(&P::GetUpstreamProxy),
+      VtableIndex(&P::SetInstanceHandle), VtableIndex(&P::GetInstanceHandle),
+      VtableIndex(&P::Reserved23), VtableIndex(&P::GetSiteCounter), VtableIndex(&P::SetDataFolder),
+      VtableIndex(&P::SetFilterFolder), VtableIndex(&P::SetLogFolder),
+      VtableIndex(&P::GetDataFolder), VtableIndex(&P::GetFilterFolder),
+      VtableIndex(&P::GetLogFolder), VtableIndex(&P::SetHostFolder), VtableIndex(&P::GetHostFolder),
+      VtableIndex(&P::ReleaseDocuments), VtableIndex(&P::OpenStatistics),
+      VtableIndex(&P::CloseStatistics), VtableIndex(&P::AddNotifyTarget),
+      VtableIndex(&P::RemoveNotifyTarget), VtableIndex(&P::GetTraceMode),
+      VtableIndex(&P::SetTraceMode), VtableIndex(&P::LoadFilterLists),
+      VtableIndex(&P::IsLocalHostName), VtableIndex(&P::CountFilteredRequest),
+      VtableIndex(&P::GetFilteredRequests), VtableIndex(&P::GetBlockedImages),
+      VtableIndex(&P::GetBlockedFlash), VtableIndex(&P::CountBlockedImage),
+      VtableIndex(&P::CountBlockedFlash), VtableIndex(&P::ResetCounters),
+      VtableIndex(&P::SetExtensions), VtableIndex(&P::GetExtensions),
+  };
+  static_assert(std::size(slots) == 50);
+  for (int slot = 1; slot <= 50; ++slot) EXPECT_EQ(slots[slot - 1], VtableIndexOfSlot(slot)) << slot;
 }
 
 TEST(ServiceSlots, SiteCounterSlotsFollowTheStore) {
@@ -97,17 +75,11 @@ TEST(ServiceSlots, SiteCounterSlotsFollowTheStore) {
   EXPECT_EQ(VtableIndex(&S::GetStatStartTime), 55u);
 }
 
-TEST(ServiceObject, IsOneObjectPerProcess) { EXPECT_EQ(GetProxy(), GetProxy()); }
-
 TEST(ServiceObject, LocalHostNames) {
   CVxHTTPProxyImpl* proxy = Service();
-  EXPECT_TRUE(proxy->IsLocalHostName("localhost"));
   EXPECT_TRUE(proxy->IsLocalHostName("LocalHost"));
-  EXPECT_TRUE(proxy->IsLocalHostName("127.0.0.1"));
-  EXPECT_TRUE(proxy->IsLocalHostName("127.0.0.254"));
-  EXPECT_TRUE(proxy->IsLocalHostName("127.0.0.anything"));
-  EXPECT_FALSE(proxy->IsLocalHostName("192.0.2.1"));
-  EXPECT_FALSE(proxy->IsLocalHostName("example.com"));
+  EXPECT_TRUE(proxy->IsLocalHostName("127.0.0.anything"));  // only the prefix counts
+  EXPECT_FALSE(proxy->IsLocalHostName("192.0.2.1"));        // an address not of this machine
   EXPECT_FALSE(proxy->IsLocalHostName(""));
 
   char name[256] = {};
@@ -137,17 +109,6 @@ TEST(ServiceObject, CountersResetAndSurviveConcurrentIncrements) {
   EXPECT_EQ(proxy->GetBlockedFlash(), 40000);
   EXPECT_EQ(proxy->ResetCounters(), 0);
   EXPECT_EQ(proxy->GetFilteredRequests() + proxy->GetBlockedImages() + proxy->GetBlockedFlash(), 0);
-}
-
-TEST(ServiceObject, UpstreamProxyRoundTrip) {
-  CVxHTTPProxyImpl* proxy = Service();
-  const unsigned short port = 3128;
-  proxy->SetUpstreamProxy(CStringBuffer("upstream.example"), &port);
-  unsigned short got = 0;
-  EXPECT_STREQ(proxy->GetUpstreamProxy(&got)->GetBuffer(), "upstream.example");
-  EXPECT_EQ(got, 3128);
-  const unsigned short none = 0;
-  proxy->SetUpstreamProxy(CStringBuffer(""), &none);
 }
 
 // ----------------------------------------------------------- notifications --
@@ -236,8 +197,6 @@ TEST_F(ServiceStart, TakenPortFallsBackToAFreeOne) {
   ASSERT_TRUE(proxy_->Start());
   EXPECT_NE(proxy_->GetPort(), taken);
   EXPECT_EQ(PortInIni(dir_ / "data/vexilo.ini"), proxy_->GetPort());
-  EXPECT_NE(ProxyLog().find("Proxy started on port " + std::to_string(proxy_->GetPort())),
-            std::string::npos);
   os::closesocket(holder);
 }
 
@@ -274,21 +233,6 @@ TEST_F(ServiceStart, SecondStartIsANoOpAndRestartKeepsThePort) {
   EXPECT_EQ(proxy_->GetPort(), port);
 }
 
-TEST_F(ServiceStart, StopWritesItsLinesAndEndsTheAcceptThread) {
-  ASSERT_TRUE(proxy_->Start());
-  EXPECT_TRUE(proxy_->isRunning());
-  EXPECT_TRUE(proxy_->Stop());
-  EXPECT_FALSE(proxy_->isRunning());
-  const std::string log = ProxyLog();
-  const size_t called = log.find("[INFO]: Proxy stop called @");
-  const size_t stopped = log.find("[INFO]: Proxy Stopped @");
-  ASSERT_NE(called, std::string::npos);
-  ASSERT_NE(stopped, std::string::npos);
-  EXPECT_LT(called, stopped);
-  // The time text carries no line break of its own.
-  EXPECT_EQ(log.find('\n', called), log.find("\r\n", called) + 1);
-}
-
 TEST_F(ServiceStart, OnlyTheLoopbackPeerIsServed) {
   ASSERT_TRUE(proxy_->Start());
   // A blocked address: from 127.0.0.1 it gets the replacement image, from
@@ -312,8 +256,13 @@ TEST_F(ServiceStart, StopOnAStoppedServiceStillLogsBothLines) {
   ASSERT_TRUE(proxy_->Initialize());  // logs open, nothing listening
   EXPECT_TRUE(proxy_->Stop());
   const std::string log = ProxyLog();
-  EXPECT_NE(log.find("[INFO]: Proxy stop called @"), std::string::npos);
-  EXPECT_NE(log.find("[INFO]: Proxy Stopped @"), std::string::npos);
+  const size_t called = log.find("[INFO]: Proxy stop called @");
+  const size_t stopped = log.find("[INFO]: Proxy Stopped @");
+  ASSERT_NE(called, std::string::npos);
+  ASSERT_NE(stopped, std::string::npos);
+  EXPECT_LT(called, stopped);
+  // The time text carries no line break of its own.
+  EXPECT_EQ(log.find('\n', called), log.find("\r\n", called) + 1);
 }
 
 TEST_F(ServiceStart, MissingFiltersFileFailsEvenWithAnApprovedList) {
