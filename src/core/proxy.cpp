@@ -1,6 +1,7 @@
 #include "core/service.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <new>
 
@@ -58,6 +59,17 @@ bool EqualsNoCase(const char* a, const char* b) {
 
 void ReportFilterError(void* context, const char* message, const char* detail) {
   static_cast<CVxHTTPProxyImpl*>(context)->LogLine(kLevelError, message, detail);
+}
+
+// filters.txt of the filter folder and vexilowl.txt of the data folder,
+// published together.
+bool LoadLists(CFilterEngineImpl& engine, const CStringBuffer& filterFolder,
+               const CStringBuffer& dataFolder) {
+  CStringBuffer filters(filterFolder);
+  filters << "\\filters.txt";
+  CStringBuffer approved(dataFolder);
+  approved << "\\vexilowl.txt";
+  return engine.LoadLists(filters, approved);
 }
 
 }  // namespace
@@ -125,7 +137,7 @@ bool CVxHTTPProxyImpl::Initialize() {
   settings_.ParseFile(path);  // a missing or broken settings document is no error
   LoadPort();
   OpenLogs();
-  return LoadFilterLists();
+  return LoadLists(filterEngine_, filterFolder_, dataFolder_);
 }
 
 void CVxHTTPProxyImpl::OpenLogs() {
@@ -161,14 +173,21 @@ void CVxHTTPProxyImpl::Uninitialize() {
 }
 
 bool CVxHTTPProxyImpl::LoadFilterLists() {
-  bool filters = false;
-  CStringBuffer path(filterFolder_);
-  path << "\\filters.txt";
-  if (filterEngine_.SetFiltersFile(path)) filters = filterEngine_.LoadFilters();
-  path = dataFolder_;
-  path << "\\vexilowl.txt";
-  const bool approved = filterEngine_.LoadUserApprovedList(path);
-  return filters && approved;
+  // Safe while the proxy runs: the engine builds the new tables aside and
+  // swaps them in, so sessions keep checking and no connection is touched.
+  const auto started = std::chrono::steady_clock::now();
+  const bool loaded = LoadLists(filterEngine_, filterFolder_, dataFolder_);
+  const auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(
+      std::chrono::steady_clock::now() - started);
+  const auto rules = static_cast<unsigned long>(filterEngine_.RuleCount());
+  const auto ms = static_cast<unsigned long>(elapsed.count());
+  if (loaded) {
+    LogLine(kLevelInfo, "Filter lists reloaded: ", rules, " rules in ", ms, " ms");
+  } else {
+    LogLine(kLevelInfo, "Filter lists not fully reloaded after ", ms, " ms: ", rules,
+            " rules in use");
+  }
+  return loaded;
 }
 
 void CVxHTTPProxyImpl::LoadPort() {

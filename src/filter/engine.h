@@ -2,13 +2,18 @@
 // host's two slots, and the verdict for one request, which the service, the
 // "check" command and the tools use directly.
 //
-// CheckRequest only reads the tables, so any number of threads may call it at
-// once; loading (LoadFilters, LoadUserApprovedList, ClearRules) must not
-// overlap with checks.
+// Everything a check reads (the filters file's tables, the approved list's
+// and the version text) lives in one immutable Tables object. A load builds
+// a complete new one aside and then publishes it in place of the old, so
+// checks run on any number of threads while a load runs: each check takes
+// the tables in use once, when it starts, and answers from them alone. Old
+// tables go away when the last check using them ends. Loads take turns.
 #pragma once
 
+#include <cstddef>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
 
@@ -16,6 +21,7 @@
 
 namespace vxfilter {
 class RuleIndex;
+struct Tables;
 }
 
 constexpr int VerdictNoMatch = 100;   // no rule decided, or the check failed: pass
@@ -40,14 +46,20 @@ class CFilterEngineImpl final : public CFilterEngine {
   ~CFilterEngineImpl();
 
   bool IsDomainRuleHost(const char* host) override;
+  // A list that cannot be read leaves the approved list in use as it was.
   bool LoadUserApprovedList(const char* path) override;
 
   // Remembers the filters file after checking that it opens.
   bool SetFiltersFile(const char* path);
   // Replaces the filters-file rules by the content of the remembered file.
+  // When the file cannot be opened or read, the rules in use stay.
   bool LoadFilters();
   // Drops the filters-file rules; the approved list stays.
   void ClearRules();
+  // SetFiltersFile and, when it succeeds, LoadFilters, then
+  // LoadUserApprovedList, with the result published once: a check sees
+  // either the lists from before or both new ones. True when both loaded.
+  bool LoadLists(const char* filtersPath, const char* approvedPath);
 
   // The verdict for one request (one of the Verdict codes). headers maps
   // lower-case field names to values; only "referer" is read.
@@ -56,22 +68,41 @@ class CFilterEngineImpl final : public CFilterEngine {
   // The same verdict without copying anything.
   int CheckRequest(const FilterRequestInfo& request) const;
 
-  // Version text of the last loaded filters file ("0.0" without one).
-  const char* GetVersion() const { return version_.c_str(); }
+  // Version text of the filters file in use ("0.0" without one).
+  std::string GetVersion() const;
+  // Rules in the tables in use, the filters file's and the approved list's.
+  std::size_t RuleCount() const;
 
   // Where error lines go ("Failed to open filters file: " and the like, with
   // the path or request as detail). Without a reporter errors are silent.
+  // Set it before the engine is shared: checks call it from their threads.
   using ErrorReporter = void (*)(void* context, const char* message, const char* detail);
   void SetErrorReporter(ErrorReporter report, void* context);
 
  private:
-  void ReportError(const char* message, const char* detail) const;
+  using TablesPtr = std::shared_ptr<const vxfilter::Tables>;
 
+  void ReportError(const char* message, const char* detail) const;
+  // The tables in use; the copy keeps them alive while it is held.
+  TablesPtr Current() const;
+  void Publish(TablesPtr tables);
+  // The steps of a load, with loadLock_ held; each fills the new tables
+  // only when it succeeds.
+  bool SetFiltersFileLocked(const char* path);
+  bool LoadFiltersInto(vxfilter::Tables& next);
+  bool LoadApprovedInto(const char* path, vxfilter::Tables& next);
+
+  // Held only to copy or replace the pointer, never while loading.
+  mutable std::mutex tablesLock_;
+  TablesPtr tables_;
+
+  // One load at a time; checks never take it.
+  std::mutex loadLock_;
   std::string filtersPath_;
-  std::string version_;
+  // Where the last filters file left the ad-server section: the next load
+  // starts there.
   bool inAdServerSection_ = false;
-  std::unique_ptr<vxfilter::RuleIndex> filters_;
-  std::unique_ptr<vxfilter::RuleIndex> approved_;
+
   ErrorReporter report_ = nullptr;
   void* reportContext_ = nullptr;
 };

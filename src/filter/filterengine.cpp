@@ -4,7 +4,11 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <memory>
+#include <mutex>
 #include <optional>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "filter/matcher.h"
@@ -108,7 +112,21 @@ std::string Lowered(std::string_view text) {
 
 }  // namespace
 
-CFilterEngineImpl::CFilterEngineImpl() : version_(kInitialVersion) {}
+namespace vxfilter {
+
+// Everything a check reads. Published tables never change; a load copies
+// the pointers of the ones in use and replaces what it loaded.
+struct Tables {
+  std::shared_ptr<const RuleIndex> filters;   // null until a filters file loads
+  std::shared_ptr<const RuleIndex> approved;  // null while nothing is approved
+  std::string version = kInitialVersion;
+};
+
+}  // namespace vxfilter
+
+using vxfilter::Tables;
+
+CFilterEngineImpl::CFilterEngineImpl() : tables_(std::make_shared<const Tables>()) {}
 
 CFilterEngineImpl::~CFilterEngineImpl() = default;
 
@@ -121,7 +139,27 @@ void CFilterEngineImpl::ReportError(const char* message, const char* detail) con
   if (report_ != nullptr) report_(reportContext_, message, detail);
 }
 
+CFilterEngineImpl::TablesPtr CFilterEngineImpl::Current() const {
+  std::lock_guard<std::mutex> lock(tablesLock_);
+  return tables_;
+}
+
+void CFilterEngineImpl::Publish(TablesPtr tables) {
+  {
+    std::lock_guard<std::mutex> lock(tablesLock_);
+    tables_.swap(tables);
+  }
+  // The old tables go here, out of the lock, unless a check still holds them;
+  // then the last such check frees them.
+  tables.reset();
+}
+
 bool CFilterEngineImpl::SetFiltersFile(const char* path) {
+  std::lock_guard<std::mutex> load(loadLock_);
+  return SetFiltersFileLocked(path);
+}
+
+bool CFilterEngineImpl::SetFiltersFileLocked(const char* path) {
   if (path == nullptr) return false;
   File file(path);
   if (file.get() == nullptr) {
@@ -133,10 +171,14 @@ bool CFilterEngineImpl::SetFiltersFile(const char* path) {
 }
 
 bool CFilterEngineImpl::LoadFilters() {
-  // The old tables are emptied like ClearRules does, but their storage is
-  // kept for the new ones.
-  std::unique_ptr<RuleIndex> index = std::move(filters_);
-  version_ = kInitialVersion;
+  std::lock_guard<std::mutex> load(loadLock_);
+  Tables next = *Current();
+  if (!LoadFiltersInto(next)) return false;
+  Publish(std::make_shared<const Tables>(std::move(next)));
+  return true;
+}
+
+bool CFilterEngineImpl::LoadFiltersInto(Tables& next) {
   File file(filtersPath_.c_str());
   if (file.get() == nullptr) {
     ReportError(kFailedToOpen, filtersPath_.c_str());
@@ -144,18 +186,20 @@ bool CFilterEngineImpl::LoadFilters() {
   }
   bool complete = false;
   try {
-    if (index) {
-      index->Clear();
-    } else {
-      index = std::make_unique<RuleIndex>();
-    }
+    auto index = std::make_shared<RuleIndex>();
     index->Reserve(os::FileSize(filtersPath_.c_str()));
+    bool inAdServerSection = inAdServerSection_;
+    std::string version = kInitialVersion;
     vxfilter::RuleParser parser(&AddToIndex, index.get());
     complete = ReadLowerLines(file.get(), [&](std::string_view line) {
-      parser.ReadFiltersLine(line, inAdServerSection_, version_);
+      parser.ReadFiltersLine(line, inAdServerSection, version);
     });
-    index->Finish();
-    filters_ = std::move(index);
+    if (complete) {
+      index->Finish();
+      next.filters = std::move(index);
+      next.version = std::move(version);
+      inAdServerSection_ = inAdServerSection;
+    }
   } catch (const std::exception&) {
     complete = false;
   }
@@ -163,20 +207,37 @@ bool CFilterEngineImpl::LoadFilters() {
   return complete;
 }
 
-void CFilterEngineImpl::ClearRules() { filters_.reset(); }
+void CFilterEngineImpl::ClearRules() {
+  std::lock_guard<std::mutex> load(loadLock_);
+  Tables next = *Current();
+  if (!next.filters) return;
+  next.filters.reset();
+  Publish(std::make_shared<const Tables>(std::move(next)));
+}
 
 bool CFilterEngineImpl::LoadUserApprovedList(const char* path) {
-  approved_.reset();
-  if (path == nullptr) return true;
-  File file(path);
-  if (file.get() == nullptr) return true;  // no list yet: nothing approved
+  std::lock_guard<std::mutex> load(loadLock_);
+  Tables next = *Current();
+  if (!LoadApprovedInto(path, next)) return false;
+  Publish(std::make_shared<const Tables>(std::move(next)));
+  return true;
+}
+
+bool CFilterEngineImpl::LoadApprovedInto(const char* path, Tables& next) {
+  File file(path != nullptr ? path : "");
+  if (file.get() == nullptr) {  // no list (yet): nothing approved
+    next.approved.reset();
+    return true;
+  }
   bool complete = false;
   try {
-    auto index = std::make_unique<RuleIndex>();
+    auto index = std::make_shared<RuleIndex>();
     vxfilter::RuleParser parser(&AddToIndex, index.get());
     complete = ReadLowerLines(file.get(), [&](std::string_view line) { parser.ReadApprovedLine(line); });
-    index->Finish();
-    if (!index->empty()) approved_ = std::move(index);
+    if (complete) {
+      index->Finish();
+      next.approved = index->empty() ? nullptr : std::move(index);
+    }
   } catch (const std::exception&) {
     complete = false;
   }
@@ -184,9 +245,27 @@ bool CFilterEngineImpl::LoadUserApprovedList(const char* path) {
   return complete;
 }
 
+bool CFilterEngineImpl::LoadLists(const char* filtersPath, const char* approvedPath) {
+  std::lock_guard<std::mutex> load(loadLock_);
+  Tables next = *Current();
+  bool filters = false;
+  if (SetFiltersFileLocked(filtersPath)) filters = LoadFiltersInto(next);
+  const bool approved = LoadApprovedInto(approvedPath, next);
+  Publish(std::make_shared<const Tables>(std::move(next)));
+  return filters && approved;
+}
+
+std::string CFilterEngineImpl::GetVersion() const { return Current()->version; }
+
+std::size_t CFilterEngineImpl::RuleCount() const {
+  const TablesPtr tables = Current();
+  return (tables->filters ? tables->filters->size() : 0) + (tables->approved ? tables->approved->size() : 0);
+}
+
 bool CFilterEngineImpl::IsDomainRuleHost(const char* host) {
-  if (host == nullptr || !filters_) return false;
-  return filters_->HasExactKey(vxfilter::kAdServerExact, host);
+  if (host == nullptr) return false;
+  const TablesPtr tables = Current();
+  return tables->filters && tables->filters->HasExactKey(vxfilter::kAdServerExact, host);
 }
 
 int CFilterEngineImpl::CheckRequest(std::string host, std::string path, std::string typeWord,
@@ -203,12 +282,14 @@ int CFilterEngineImpl::CheckRequest(std::string host, std::string path, std::str
 
 int CFilterEngineImpl::CheckRequest(const FilterRequestInfo& info) const {
   try {
+    // Taken once: a load that publishes meanwhile does not touch these.
+    const TablesPtr tables = Current();
     const vxfilter::FilterRequest request(info.host, info.path, info.typeWord, info.referer,
                                           info.skipExceptionTypeCheck);
     std::optional<RuleIndex::Walk> approved;
-    if (approved_) approved.emplace(*approved_, request);
+    if (tables->approved) approved.emplace(*tables->approved, request);
     std::optional<RuleIndex::Walk> filters;
-    if (filters_) filters.emplace(*filters_, request);
+    if (tables->filters) filters.emplace(*tables->filters, request);
     if (MatchExceptions(approved ? &*approved : nullptr, filters ? &*filters : nullptr)) {
       return VerdictAllowed;
     }

@@ -26,8 +26,6 @@ std::uint32_t NeedleSet::Add(std::string_view needle) {
   return it->second;
 }
 
-void NeedleSet::Clear() { *this = NeedleSet(); }
-
 void NeedleSet::Build() {
   ids_ = {};
   anchors_.clear();

@@ -18,7 +18,6 @@ class NeedleSet {
   std::uint32_t Add(std::string_view needle);
   // Builds the anchors; Add may not be called afterwards.
   void Build();
-  void Clear();
 
   std::size_t size() const { return needles_.size(); }
   std::string_view Needle(std::uint32_t id) const {

@@ -41,24 +41,6 @@ RuleIndex::RuleIndex() {
   slotMask_ = 15;
 }
 
-void RuleIndex::Clear() {
-  text_.clear();
-  rules_.clear();
-  domainRefs_.clear();
-  domains_.clear();
-  groups_.clear();
-  std::fill(slots_.begin(), slots_.end(), Slot{0, kNoGroup});
-  ruleGroup_.clear();
-  groupRules_.clear();
-  for (auto& list : alwaysTried_) list.clear();
-  for (bool& b : keylessOrderMatters_) b = false;
-  anywhere_.Clear();
-  inHost_.Clear();
-  anywherePostings_.clear();
-  inHostPostings_.clear();
-  postingRules_.clear();
-}
-
 void RuleIndex::Reserve(std::size_t sourceBytes) {
   // Joined easylist files hold about one stored rule per 40 bytes and keep
   // half of their bytes as keys, fragments and domains. Sizing everything

@@ -24,9 +24,6 @@ class RuleIndex {
 
   // Stores an entry; entries must come in file order.
   void Add(const RuleEntry& entry);
-  // Empties every table but keeps the storage, so that loading the same
-  // list again touches no fresh memory.
-  void Clear();
   // Room for a source of about this many bytes, so loading does not keep
   // copying what it has stored.
   void Reserve(std::size_t sourceBytes);
@@ -34,6 +31,8 @@ class RuleIndex {
   void Finish();
 
   bool empty() const { return rules_.empty(); }
+  // Stored entries.
+  std::size_t size() const { return rules_.size(); }
   // True when the table holds an entry whose key is exactly this text.
   bool HasExactKey(TableId table, std::string_view key) const;
 

@@ -37,6 +37,13 @@ std::uint64_t FileSize(const char* path) {
   return static_cast<std::uint64_t>(st.st_size);
 }
 
+std::int64_t FileModifiedTime(const char* path) {
+  if (path == nullptr) return 0;
+  struct stat st;
+  if (::stat(NativePath(path).c_str(), &st) != 0 || S_ISDIR(st.st_mode)) return 0;
+  return static_cast<std::int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
+}
+
 bool DirectoryExists(const char* path) {
   if (path == nullptr) return false;
   struct stat st;

@@ -131,6 +131,8 @@ bool DeleteFileA(const char* path);
 bool FileExists(const char* path);
 // Size of a file in bytes; 0 when absent.
 std::uint64_t FileSize(const char* path);
+// Last modification time of a file in nanoseconds since 1970; 0 when absent.
+std::int64_t FileModifiedTime(const char* path);
 // Creates one directory; true when it exists afterwards.
 bool CreateDirectoryA(const char* path);
 bool DirectoryExists(const char* path);

@@ -235,7 +235,7 @@ TEST_F(Verdicts, SectionsAndVersion) {
       "||third.example^\n! x/easylist_adservers.txt version=9\n||again.example^\n"
       "! *** easylist:easylist/easylist_specific_block.txt ***\n||specific.example^\n" + kAdServers +
       "||last.example^"));
-  EXPECT_STREQ(engine_->GetVersion(), "20111117");
+  EXPECT_EQ(engine_->GetVersion(), "20111117");
   Expect({{"before.example", "/a.gif", "gif", VerdictDomain},
           {"inside.example", "/a.gif", "gif", VerdictAdServer},
           {"popup.example", "/a.gif", "gif", VerdictAdServer},
@@ -250,11 +250,11 @@ TEST_F(Verdicts, SectionsAndVersion) {
   // The section carries over to the next load; the version starts over and
   // takes the text after the line's first "=".
   ASSERT_TRUE(LoadFilters("! build=7 version=3\n||next.example^\n", "second.txt"));
-  EXPECT_STREQ(engine_->GetVersion(), "7version=3");
+  EXPECT_EQ(engine_->GetVersion(), "7version=3");
   Expect({{"next.example", "/a.gif", "gif", VerdictAdServer},
           {"inside.example", "/a.gif", "gif", VerdictNoMatch}});
   ASSERT_TRUE(LoadFilters("! Version: 202608130520\n", "third.txt"));
-  EXPECT_STREQ(engine_->GetVersion(), "0.0");
+  EXPECT_EQ(engine_->GetVersion(), "0.0");
 }
 
 TEST_F(Verdicts, CrLfLinesGiveTheSameRulesAsLf) {
@@ -265,20 +265,26 @@ TEST_F(Verdicts, CrLfLinesGiveTheSameRulesAsLf) {
           {"/banner.gif\r\nbanner.png|\r\n@@||ok.example.net^$image\r\n", probes}});
 }
 
-TEST_F(Verdicts, FilesThatCannotBeRead) {
-  ASSERT_TRUE(LoadFilters("! version=5\n||ads.example.com^\n"));
+TEST_F(Verdicts, FilesThatCannotBeReadLeaveTheListsInUse) {
+  ASSERT_TRUE(LoadFilters("! version=5\n||ads.example.com^\n/banner/\n"));
+  ASSERT_TRUE(LoadApproved("@@||site.example^\n"));
+  const std::vector<Probe> inUse = {{"ads.example.com", "/x.gif", "gif", VerdictDomain},
+                                    {"site.example", "/banner/x.gif", "gif", VerdictAllowed}};
   const std::string missing = dir_ / "missing.txt";
   EXPECT_FALSE(engine_->SetFiltersFile(missing.c_str()));
   EXPECT_FALSE(engine_->SetFiltersFile(nullptr));
-  // The file set before stays; once it is gone, loading empties the tables.
+  // The file set before stays; once it is gone, loading fails and the rules
+  // loaded before stay in use.
   ASSERT_TRUE(engine_->LoadFilters());
-  Expect({{"ads.example.com", "/x.gif", "gif", VerdictDomain}});
+  Expect(inUse);
   std::filesystem::remove(dir_ / "filters.txt");
   EXPECT_FALSE(engine_->LoadFilters());
-  EXPECT_STREQ(engine_->GetVersion(), "0.0");
-  Expect({{"ads.example.com", "/x.gif", "gif", VerdictNoMatch}});
+  EXPECT_FALSE(engine_->LoadLists(missing.c_str(), (dir_ / "vexilowl.txt").c_str()));
+  EXPECT_EQ(engine_->GetVersion(), "5");
+  Expect(inUse);
   std::vector<std::string> expected = {"Failed to open filters file: " + missing,
-                                       "Failed to open filters file: " + (dir_ / "filters.txt")};
+                                       "Failed to open filters file: " + (dir_ / "filters.txt"),
+                                       "Failed to open filters file: " + missing};
   // A folder opens like a file here but cannot be read.
   const std::string folder = dir_ / "folder";
   std::filesystem::create_directories(folder);
@@ -288,6 +294,8 @@ TEST_F(Verdicts, FilesThatCannotBeRead) {
     expected.push_back("Exception while reading filters file: " + folder);
     expected.push_back("Exception while reading user approved list: " + folder);
   }
+  EXPECT_EQ(engine_->GetVersion(), "5");
+  Expect(inUse);
   EXPECT_EQ(errors_, expected);
 }
 
