@@ -26,6 +26,10 @@ std::atomic<bool> g_stopRequested{false};
 
 void OnStopSignal(int) { g_stopRequested = true; }
 
+std::atomic<bool> g_reloadRequested{false};
+
+void OnReloadSignal(int) { g_reloadRequested = true; }
+
 int Usage() {
   std::fprintf(stderr,
                "usage: vxproxy [run] [--data DIR] [--logs DIR] [--filters DIR] "
@@ -66,9 +70,10 @@ constexpr UINT kBlockedMessage = 0x8000 + 1;
 constexpr int kStatusRefreshMs = 500;
 constexpr DWORD kStatusTickMs = 100;
 
-// Runs until SIGINT or SIGTERM. The blocked count comes from the service's
-// notifications to this thread, the rest from the counters; on a terminal one
-// status line is kept current, elsewhere nothing is printed.
+// Runs until SIGINT or SIGTERM; SIGHUP reloads the filter lists. The blocked
+// count comes from the service's notifications to this thread, the rest from
+// the counters; on a terminal one status line is kept current, elsewhere
+// nothing is printed.
 void ServeUntilStopped(CVxHTTPProxy* proxy) {
   os::CreateThreadQueue();
   const DWORD self = os::GetCurrentThreadId();
@@ -82,6 +87,21 @@ void ServeUntilStopped(CVxHTTPProxy* proxy) {
   DWORD lastShown = os::GetTickCount() - kStatusRefreshMs;
   std::size_t shownWidth = 0;
   std::string shown;
+  // The filter lists are read again on SIGHUP and when one of their files
+  // changes; the files' time and size are looked at once a second.
+  constexpr DWORD kListsLookMs = 1000;
+  const std::string lists[] = {std::string(proxy->GetFilterFolder()) + "\\filters.txt",
+                               std::string(proxy->GetDataFolder()) + "\\vexilowl.txt"};
+  auto listStamp = [&lists] {
+    std::string stamp;
+    for (const std::string& path : lists) {
+      stamp += std::to_string(os::FileModifiedTime(path.c_str())) + ' ' +
+               std::to_string(os::FileSize(path.c_str())) + ' ';
+    }
+    return stamp;
+  };
+  std::string listsSeen = listStamp();
+  DWORD listsLooked = os::GetTickCount();
   while (!g_stopRequested) {
     // Drained every tick instead of waited on: a waiting thread would be woken
     // by every single block, which costs the workers that post.
@@ -89,6 +109,16 @@ void ServeUntilStopped(CVxHTTPProxy* proxy) {
     MSG msg;
     while (os::WaitMessage(nullptr, &msg, 0)) {
       if (msg.message == kBlockedMessage) ++blocked;
+    }
+    bool reload = g_reloadRequested.exchange(false);
+    if (os::GetTickCount() - listsLooked >= kListsLookMs) {
+      listsLooked = os::GetTickCount();
+      reload = reload || listStamp() != listsSeen;
+    }
+    if (reload) {
+      // Taken before the load, so a change made while it reads is seen next time.
+      listsSeen = listStamp();
+      proxy->LoadFilterLists();  // proxy.log tells how it went
     }
     if (!terminal || os::GetTickCount() - lastShown < kStatusRefreshMs) continue;
     lastShown = os::GetTickCount();
@@ -207,6 +237,7 @@ int Run(const RunOptions& options) {
 
   std::signal(SIGINT, OnStopSignal);
   std::signal(SIGTERM, OnStopSignal);
+  std::signal(SIGHUP, OnReloadSignal);
   ServeUntilStopped(proxy);
   proxy->Stop();
   return 0;
