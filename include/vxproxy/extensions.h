@@ -9,4 +9,9 @@ constexpr unsigned kExtensionQuickLiveness = 1u << 0;
 // Deep accept queue: the listener queues as many connections as the system
 // allows instead of 5, so bursts of connections are not dropped and retried.
 constexpr unsigned kExtensionDeepAcceptQueue = 1u << 1;
-constexpr unsigned kExtensionsAll = kExtensionQuickLiveness | kExtensionDeepAcceptQueue;
+// Tunnel guard: a CONNECT to a host that an ad-server rule blocks whole
+// ("||host^" without path or options, and no exception for it) is refused
+// with a 403 instead of being tunnelled.
+constexpr unsigned kExtensionTunnelGuard = 1u << 2;
+constexpr unsigned kExtensionsAll =
+    kExtensionQuickLiveness | kExtensionDeepAcceptQueue | kExtensionTunnelGuard;

@@ -39,6 +39,30 @@ struct FilterRequestInfo {
   bool skipExceptionTypeCheck = false;  // set for the check of a redirect response
 };
 
+// What the tunnel guard makes of a CONNECT target, which names a host and
+// nothing of the requests that will pass inside the tunnel.
+struct TunnelVerdict {
+  enum class Reason {
+    kNoHost,            // no usable host name: pass
+    kNoAdServerRule,    // no ad-server rule is keyed by the host's names: pass
+    kPartialRule,       // the ad-server rule has a path or options: pass
+    kException,         // an exception entry is keyed by one of the names: pass
+    kExceptionText,     // an exception's text names the host or could match it: pass
+    kAnchoredKeyless,   // a host-anchored exception without a host: pass
+    kAdServerRule,      // "||name^" or "||name" alone: block
+  };
+  bool block = false;
+  Reason reason = Reason::kNoHost;
+  // The name (the host or one of its parents, as the caller wrote it) the
+  // deciding entry is keyed by; empty when no entry decided.
+  std::string_view name;
+  bool wholeHostEntry = false;  // the deciding entry is a bare "||name^"
+
+  // The deciding rule as the check command shows it: "||ads.example^",
+  // "@@||ads.example^", "no ad-server rule", ...
+  std::string RuleText() const;
+};
+
 // No operation is added here: the table stays the one of CFilterEngine.
 class CFilterEngineImpl final : public CFilterEngine {
  public:
@@ -67,6 +91,16 @@ class CFilterEngineImpl final : public CFilterEngine {
                    std::map<std::string, std::string> headers, bool skipExceptionTypeCheck) const;
   // The same verdict without copying anything.
   int CheckRequest(const FilterRequestInfo& request) const;
+
+  // Whether a CONNECT to host (a "host:port" target is judged by its host)
+  // may be refused as a whole. Blocks only when an ad-server section rule
+  // "||name^" or "||name" without path or options is keyed by the host or
+  // one of its parents, and no exception could concern the host: none keyed
+  // by any of those names, none whose text names one of them, no wildcard
+  // exception matching the host, no host-anchored one without a host.
+  // Exceptions that name only paths or pages are not asked: they cannot be
+  // judged from a host, and the ad-server rules block whole hosts.
+  TunnelVerdict JudgeTunnelHost(std::string_view host) const;
 
   // Version text of the filters file in use ("0.0" without one).
   std::string GetVersion() const;

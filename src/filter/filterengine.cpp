@@ -104,6 +104,16 @@ bool MatchGenericRules(const RuleIndex::Walk& filters) {
   return filters.MatchTable(vxfilter::kGenericTable);
 }
 
+constexpr std::size_t kMaxHostName = 253;
+
+// The host of a CONNECT target: without a ":port" after a name (a bracketed
+// address keeps its brackets and never names a rule).
+std::string_view TargetHost(std::string_view target) {
+  const std::size_t colon = target.rfind(':');
+  if (colon != std::string_view::npos && target.find(':') == colon) target = target.substr(0, colon);
+  return target;
+}
+
 std::string Lowered(std::string_view text) {
   std::string out(text);
   vxfilter::CopyLowerAscii(out.data(), out.data(), out.size());
@@ -306,4 +316,102 @@ int CFilterEngineImpl::CheckRequest(const FilterRequestInfo& info) const {
     }
     return VerdictNoMatch;
   }
+}
+
+std::string TunnelVerdict::RuleText() const {
+  using R = Reason;
+  const std::string n(name);
+  switch (reason) {
+    case R::kNoHost:
+      return "no host name";
+    case R::kNoAdServerRule:
+      return "no ad-server rule";
+    case R::kPartialRule:
+      return "ad-server rule ||" + n + " has a path or options";
+    case R::kException:
+      return wholeHostEntry ? "exception @@||" + n + "^" : "exception keyed " + n + " with a path or options";
+    case R::kExceptionText:
+      return "an exception's text names or matches " + n;
+    case R::kAnchoredKeyless:
+      return "host-anchored exception without a host";
+    case R::kAdServerRule:
+      return "||" + n + "^";
+  }
+  return {};
+}
+
+TunnelVerdict CFilterEngineImpl::JudgeTunnelHost(std::string_view target) const {
+  using R = TunnelVerdict::Reason;
+  TunnelVerdict verdict;
+  const std::string_view host = TargetHost(target);
+  if (host.empty() || host.size() > kMaxHostName) return verdict;
+  char lowered[kMaxHostName];
+  vxfilter::CopyLowerAscii(lowered, host.data(), host.size());
+  const std::string_view name(lowered, host.size());
+  vxfilter::SmallVec<std::string_view, 8> names;
+  vxfilter::DomainSuffixes(name, names);
+  // The caller's spelling of a name: the same bytes at the same place.
+  auto original = [&](std::string_view n) { return host.substr(static_cast<std::size_t>(n.data() - lowered)); };
+  vxfilter::SmallVec<std::uint32_t, 8> hashes;
+  for (std::string_view n : names) hashes.push_back(vxfilter::HashName(n));
+  const std::size_t count = names.size();
+
+  const TablesPtr tables = Current();
+  verdict.reason = R::kNoAdServerRule;
+  if (!tables->filters) return verdict;
+  const RuleIndex& filters = *tables->filters;
+  const RuleIndex* approved = tables->approved.get();
+
+  bool found = false;
+  for (std::size_t i = 0; i < count && !found; ++i) {
+    bool whole = false;
+    if (!filters.FindExactKey(vxfilter::kAdServerExact, names[i], hashes[i], &whole)) continue;
+    if (whole) {
+      found = true;
+      verdict.name = original(names[i]);
+    } else if (verdict.reason == R::kNoAdServerRule) {
+      verdict.reason = R::kPartialRule;
+      verdict.name = original(names[i]);
+    }
+  }
+  if (!found) return verdict;
+
+  verdict.wholeHostEntry = false;
+  for (std::size_t i = 0; i < count; ++i) {
+    bool whole = false;
+    if ((approved != nullptr && approved->FindExactKey(vxfilter::kApprovedExact, names[i], hashes[i], &whole)) ||
+        filters.FindExactKey(vxfilter::kFiltersExceptionExact, names[i], hashes[i], &whole)) {
+      verdict.reason = R::kException;
+      verdict.name = original(names[i]);
+      verdict.wholeHostEntry = whole;
+      return verdict;
+    }
+  }
+  for (std::size_t i = 0; i < count; ++i) {
+    if ((approved != nullptr && approved->ExceptionTextMentions(names[i], hashes[i])) ||
+        filters.ExceptionTextMentions(names[i], hashes[i])) {
+      verdict.reason = R::kExceptionText;
+      verdict.name = original(names[i]);
+      return verdict;
+    }
+  }
+  char text[3 + kMaxHostName];
+  std::memcpy(text, "://", 3);
+  std::memcpy(text + 3, lowered, name.size());
+  const std::string_view hostText(text, 3 + name.size());
+  if ((approved != nullptr && approved->WildcardExceptionInHost(hostText)) ||
+      filters.WildcardExceptionInHost(hostText)) {
+    verdict.reason = R::kExceptionText;
+    verdict.name = host;
+    return verdict;
+  }
+  if ((approved != nullptr && approved->HasAnchoredKeylessException()) || filters.HasAnchoredKeylessException()) {
+    verdict.reason = R::kAnchoredKeyless;
+    verdict.name = {};
+    return verdict;
+  }
+  verdict.block = true;
+  verdict.reason = R::kAdServerRule;
+  verdict.wholeHostEntry = true;
+  return verdict;
 }

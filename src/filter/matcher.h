@@ -96,6 +96,9 @@ enum : std::uint8_t {
   kFlagHasSeparator = 16,
   kFlagHasWildcard = 32,
   kFlagDomainsNegated = 64,
+  // "||key^" or "||key" alone: no path, no options. No check reads it; it
+  // tells the tunnel guard that the entry concerns the whole host.
+  kFlagWholeHost = 128,
 };
 
 // Steps 2-8 of matching one entry whose key K was found at p in R.

@@ -19,7 +19,27 @@ std::uint8_t FlagsOf(const RuleOptions& o) {
   if (o.hasSeparator) flags |= kFlagHasSeparator;
   if (o.hasWildcard) flags |= kFlagHasWildcard;
   if (o.domainsNegated) flags |= kFlagDomainsNegated;
+  if (o.wholeHost) flags |= kFlagWholeHost;
   return flags;
+}
+
+bool IsExceptionTable(TableId table) {
+  return table == kFiltersExceptionExact || table == kFiltersExceptionWildcard ||
+         table == kApprovedExact || table == kApprovedWildcard;
+}
+
+// Hashes of every substring (up to the longest name the tunnel guard looks
+// up) of the literal runs of a rule's text.
+void AddPieceHashes(std::string_view text, std::vector<std::uint32_t>& out) {
+  while (!text.empty()) {
+    const std::size_t cut = text.find_first_of("*+^|");
+    const std::string_view run = text.substr(0, cut);
+    text.remove_prefix(cut == std::string_view::npos ? text.size() : cut + 1);
+    for (std::size_t i = 0; i < run.size(); ++i) {
+      const std::size_t longest = std::min(run.size() - i, RuleIndex::kMaxMentionLength);
+      for (std::size_t n = 1; n <= longest; ++n) out.push_back(HashName(run.substr(i, n)));
+    }
+  }
 }
 
 // The longest piece of a glob between its "*"s.
@@ -229,6 +249,64 @@ void RuleIndex::Finish() {
   };
   build(anywhere, anywhere_.size(), anywherePostings_);
   build(inHost, inHost_.size(), inHostPostings_);
+
+  // Exceptions that no host-name lookup finds: what their text names.
+  mentionHashes_.clear();
+  for (const StoredRule& r : rules_) {
+    const TableId table = static_cast<TableId>(r.table);
+    if (!IsExceptionTable(table)) continue;
+    if (IsWildcardTable(table)) AddPieceHashes(KeyOf(r), mentionHashes_);
+    AddPieceHashes(Text(r.fragments, r.fragmentsLength), mentionHashes_);
+  }
+  std::sort(mentionHashes_.begin(), mentionHashes_.end());
+  mentionHashes_.erase(std::unique(mentionHashes_.begin(), mentionHashes_.end()), mentionHashes_.end());
+  mentionHashes_.shrink_to_fit();
+}
+
+bool RuleIndex::FindExactKey(TableId table, std::string_view key, std::uint32_t hash,
+                             bool* wholeHost) const {
+  *wholeHost = false;
+  const std::uint32_t g = FindGroup(key, hash);
+  if (g == kNoGroup) return false;
+  const KeyGroup& group = groups_[g];
+  bool found = false;
+  for (std::uint32_t k = 0; k < group.count; ++k) {
+    const StoredRule& r = rules_[groupRules_[group.first + k]];
+    if (r.table != table) continue;
+    found = true;
+    if ((r.flags & kFlagWholeHost) != 0) {
+      *wholeHost = true;
+      break;
+    }
+  }
+  return found;
+}
+
+bool RuleIndex::ExceptionTextMentions(std::string_view name, std::uint32_t hash) const {
+  // A name too long to be indexed counts as mentioned.
+  if (name.size() > kMaxMentionLength) return true;
+  // Only hashes are kept: a collision makes a name count as mentioned.
+  return std::binary_search(mentionHashes_.begin(), mentionHashes_.end(), hash);
+}
+
+bool RuleIndex::WildcardExceptionInHost(std::string_view text) const {
+  bool found = false;
+  inHost_.Scan(text, kHostPartStart, text.size(), [&](std::uint32_t needle, std::size_t) {
+    if (found) return;
+    const Postings& list = inHostPostings_[needle];
+    for (std::uint32_t k = 0; k < list.count && !found; ++k) {
+      const StoredRule& r = rules_[postingRules_[list.first + k]];
+      if (r.table != kFiltersExceptionWildcard && r.table != kApprovedWildcard) continue;
+      std::size_t start = 0;
+      std::size_t length = 0;
+      found = WildcardFind(text, KeyOf(r), &start, &length) && start >= kHostPartStart;
+    }
+  });
+  return found;
+}
+
+bool RuleIndex::HasAnchoredKeylessException() const {
+  return keylessOrderMatters_[kFiltersExceptionExact] || keylessOrderMatters_[kApprovedExact];
 }
 
 bool RuleIndex::HasExactKey(TableId table, std::string_view key) const {

@@ -36,6 +36,21 @@ class RuleIndex {
   // True when the table holds an entry whose key is exactly this text.
   bool HasExactKey(TableId table, std::string_view key) const;
 
+  // What the tunnel guard asks of a host name it only knows by name (hash is
+  // HashName(key)). FindExactKey: whether the table holds an entry keyed
+  // exactly by it, and whether one of those is a bare "||key^" or "||key".
+  bool FindExactKey(TableId table, std::string_view key, std::uint32_t hash, bool* wholeHost) const;
+  // Whether the text of some exception entry that is not found by its key
+  // alone (wildcard keys, paths, key-less entries) contains the name.
+  bool ExceptionTextMentions(std::string_view name, std::uint32_t hash) const;
+  // Whether a wildcard exception's key matches inside the host part of
+  // text ("://" and the host).
+  bool WildcardExceptionInHost(std::string_view text) const;
+  // Whether an exception table holds a host-anchored entry without a key.
+  bool HasAnchoredKeylessException() const;
+  // Names longer than this are not indexed for ExceptionTextMentions.
+  static constexpr std::size_t kMaxMentionLength = 128;
+
   // One check against this index: looks the host's names up and searches
   // the request text once, then answers table by table.
   class Walk {
@@ -134,6 +149,10 @@ class RuleIndex {
   std::vector<Postings> anywherePostings_;
   std::vector<Postings> inHostPostings_;
   std::vector<std::uint32_t> postingRules_;
+
+  // Hashes of every piece of exception text ExceptionTextMentions answers
+  // for, sorted.
+  std::vector<std::uint32_t> mentionHashes_;
 };
 
 }  // namespace vxfilter

@@ -54,7 +54,7 @@ void ParseDomainList(std::string_view names, RuleOptions& options) {
 void RuleOptions::Reset() {
   typeMask = kTypeAll;
   hostAnchored = endAnchored = thirdParty = notThirdParty = false;
-  hasSeparator = hasWildcard = domainsNegated = false;
+  hasSeparator = hasWildcard = domainsNegated = wholeHost = false;
   fragments.clear();
   domains.clear();
 }
@@ -207,6 +207,11 @@ bool RuleParser::ParseKeyedRule(std::string_view text, bool hostAnchored, bool d
   key_.assign(SplitRuleKey(text, options_));
   const bool lostStar = CleanKey(key_);
   *wildcard = lostStar || Contains(key_, "*");
+  // The key and at most a closing separator: nothing limits the entry to
+  // some paths, types or pages of the host.
+  const std::string_view rest = text.substr(std::min(text.size(), key_.size()));
+  options_.wholeHost = hostAnchored && !key_.empty() && text.substr(0, key_.size()) == key_ &&
+                       (rest.empty() || rest == "^");
   return true;
 }
 

@@ -30,6 +30,7 @@ struct RuleOptions {
   bool hasSeparator = false;
   bool hasWildcard = false;
   bool domainsNegated = false;
+  bool wholeHost = false;  // "||key^" or "||key" with nothing else on the line
   // Path text that must also occur in the request; "+" joins two pieces.
   std::string fragments;
   // Names of the "domain=" option without their "~", pointing into the line.
