@@ -9,6 +9,7 @@
 #include "http/urlparser.h"
 #include "log/levels.h"
 #include "probe/headermanager.h"
+#include "vxproxy/extensions.h"
 
 const CProxyClient::HandlerRow CProxyClient::kHandlers[3] = {
     {kSchemeHttp, &CProxyClient::HandleHttp},
@@ -299,6 +300,10 @@ bool CProxyClient::RelayChunked(SOCKET source, SOCKET destination, CBufStream* c
 }
 
 bool CProxyClient::HandleConnect() {
+  if (services_->HasExtension(kExtensionTunnelGuard) && proxy_->IsFilteringEnabled() &&
+      RefuseAdTunnel()) {
+    return false;
+  }
   CloseUpstream();
   if (!useUpstreamProxy_) {
     connectHost_ = host_;
@@ -318,6 +323,27 @@ bool CProxyClient::HandleConnect() {
   }
   Tunnel(clientSocket_, upstreamSocket_);
   return false;
+}
+
+bool CProxyClient::RefuseAdTunnel() {
+  const TunnelVerdict verdict = services_->Filter().JudgeTunnelHost(host_.GetBuffer());
+  if (!verdict.block) return false;
+  CStringBuffer site(host_);
+  AppendPort(site, urlPort_, kHttpsPort);
+  site.ToLower();
+  // Logged, counted and announced like a blocked GET; nothing of a tunnel
+  // has a size to probe.
+  RecordBlocked(site);
+  eventLog_ << CLogManip(kLevelVerbose) << connectionTag_.GetBuffer() << "Blocked tunnel: <->"
+            << host_.GetBuffer() << " by " << verdict.RuleText().c_str() << lend;
+  // A refusal, not a tunnel that breaks later: curl gives up at once with
+  // "CONNECT tunnel failed, response 403" and Chromium shows
+  // ERR_TUNNEL_CONNECTION_FAILED without retrying, whereas a closed or reset
+  // connection may make a browser try again. The empty body and the close keep
+  // the browser from sending anything else on this connection.
+  static const char kRefused[] = "HTTP/1.1 403 Forbidden\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
+  SendAll(clientSocket_, kRefused, sizeof kRefused - 1);
+  return true;
 }
 
 bool CProxyClient::HandleUnknown() {

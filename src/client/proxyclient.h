@@ -25,6 +25,9 @@ class CProxyClient : public CThreadEx, public CHTTPRequest {
   int GetSchemeId();
   bool HandleHttp();
   bool HandleConnect();
+  // With the tunnel guard on: answers a CONNECT to an ad host with a 403 and
+  // true (the session then closes); false when the tunnel may open.
+  bool RefuseAdTunnel();
   bool HandleUnknown();
   bool RelayRequest(const CStringBuffer& header);
   bool RelayChunked(SOCKET source, SOCKET destination, CBufStream* copy);
