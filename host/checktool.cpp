@@ -14,7 +14,8 @@ namespace {
 
 constexpr const char* kUsage =
     "usage: check [--filters FILE] [--approved FILE] [--type WORD] [--referer URL] [--redirect] URL\n"
-    "       check --filters FILE [--approved FILE] --batch\n";
+    "       check --filters FILE [--approved FILE] --batch\n"
+    "       check [--filters FILE] [--approved FILE] --connect HOST[:PORT]\n";
 
 struct CheckOptions {
   std::string filters;
@@ -22,6 +23,7 @@ struct CheckOptions {
   std::string typeWord;
   std::string referer;
   std::string url;
+  std::string connect;  // a CONNECT target, for the tunnel guard's answer
   bool haveType = false;
   bool redirect = false;
   bool batch = false;
@@ -49,12 +51,17 @@ bool ParseArguments(int argc, const char* const* argv, CheckOptions* o) {
       o->redirect = true;
     } else if (arg == "--batch") {
       o->batch = true;
+    } else if (arg == "--connect") {
+      ok = value(&o->connect) && !o->connect.empty();
     } else if (!arg.empty() && arg[0] != '-' && o->url.empty()) {
       o->url = arg;
     } else {
       ok = false;
     }
     if (!ok) return false;
+  }
+  if (!o->connect.empty()) {
+    return !o->batch && o->url.empty() && !o->haveType && o->referer.empty() && !o->redirect;
   }
   if (o->batch) return !o->filters.empty() && o->url.empty();
   return !o->url.empty();
@@ -73,6 +80,12 @@ class Checker {
       if (!engine_.SetFiltersFile(o.filters.c_str()) || !engine_.LoadFilters()) return false;
     }
     return o.approved.empty() || engine_.LoadUserApprovedList(o.approved.c_str());
+  }
+
+  // "block ads.example (||ads.example^)", "pass example.com (no ad-server rule)".
+  void Tunnel(std::string_view target, std::ostream& out) const {
+    const TunnelVerdict verdict = engine_.JudgeTunnelHost(target);
+    out << (verdict.block ? "block " : "pass ") << target << " (" << verdict.RuleText() << ")\n";
   }
 
   // False when the URL cannot be split.
@@ -136,6 +149,11 @@ int RunCheck(int argc, const char* const* argv, std::istream& in, std::ostream& 
   }
   Checker checker(err);
   if (!checker.Load(options)) return 1;
+
+  if (!options.connect.empty()) {
+    checker.Tunnel(options.connect, out);
+    return 0;
+  }
 
   int verdict = VerdictNoMatch;
   if (!options.batch) {

@@ -18,6 +18,9 @@ bool SplitCheckUrl(std::string_view url, std::string* host, std::string* target,
 // follow:
 //   [--filters FILE] [--approved FILE] [--type WORD] [--referer URL] [--redirect] URL
 //   --filters FILE [--approved FILE] --batch
+//   [--filters FILE] [--approved FILE] --connect HOST[:PORT]
+// The --connect form prints what the tunnel guard makes of a CONNECT to the
+// host and the rule that decides: "block HOST (RULE)" or "pass HOST (WHY)".
 // Batch lines (tab-separated): url, type word or empty, referer or empty,
 // optional redirect flag 0/1; one verdict line is written for each.
 // Returns the process exit code: 0, 1 when a list cannot be loaded, 2 for

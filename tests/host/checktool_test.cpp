@@ -72,6 +72,13 @@ TEST(CheckCommand, SingleAndBatch) {
       {{"--filters", f, "http:///x.gif"}, 2, ""},
       {{"--filters", f, "http://:80/x.gif"}, 2, ""},
       {{"--filters", missing, "http://x/"}, 1, "", "Failed to open filters file: " + missing + "\n"},
+      {{"--filters", f, "--connect", "x.ads.example.com:443"}, 0,
+       "block x.ads.example.com:443 (||ads.example.com^)\n"},
+      {{"--filters", f, "--connect", "cdn.example.net"}, 0, "pass cdn.example.net (no ad-server rule)\n"},
+      {{"--filters", f, "--approved", a, "--connect", "friend.example"}, 0,
+       "pass friend.example (no ad-server rule)\n"},
+      {{"--connect", "x", "http://x/"}, 2, ""},
+      {{"--filters", f, "--connect"}, 2, ""},
   };
   std::string out;
   std::string err;
