@@ -15,6 +15,7 @@
 #include <string>
 
 #include "check.h"
+#include "lists.h"
 #include "stats.h"
 #include "platform/platform.h"
 #include "vxproxy/files.h"
@@ -248,6 +249,7 @@ int Run(const RunOptions& options) {
 int main(int argc, char** argv) {
   if (argc > 1 && std::strcmp(argv[1], "check") == 0) return RunCheckCommand(argc - 1, argv + 1);
   if (argc > 1 && std::strcmp(argv[1], "stats") == 0) return RunStatsCommand(argc - 1, argv + 1);
+  if (argc > 1 && std::strcmp(argv[1], "lists") == 0) return RunListsCommand(argc - 1, argv + 1);
   int first = 1;
   if (argc > 1 && std::strcmp(argv[1], "run") == 0) first = 2;
   if (argc > 1 && (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0)) {
