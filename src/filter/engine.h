@@ -56,7 +56,8 @@ struct TunnelVerdict {
   // The name (the host or one of its parents, as the caller wrote it) the
   // deciding entry is keyed by; empty when no entry decided.
   std::string_view name;
-  bool wholeHostEntry = false;  // the deciding entry is a bare "||name^"
+  bool wholeHostEntry = false;  // the deciding entry is a bare "||name^" or "||name"
+  bool separator = false;       // ... and ends in "^"
 
   // The deciding rule as the check command shows it: "||ads.example^",
   // "@@||ads.example^", "no ad-server rule", ...
@@ -99,7 +100,15 @@ class CFilterEngineImpl final : public CFilterEngine {
   // by any of those names, none whose text names one of them, no wildcard
   // exception matching the host, no host-anchored one without a host.
   // Exceptions that name only paths or pages are not asked: they cannot be
-  // judged from a host, and the ad-server rules block whole hosts.
+  // judged from a host. The joined EasyList holds 13 exceptions without a
+  // "||" host; 6 name local addresses ("@@://localhost/$generichide", whose
+  // text then keeps those names from ever being refused), one names a site
+  // in its text ("@@://xhamster.$script"), and the other 6 are paths or
+  // patterns tied to pages by "domain=", "~third-party" or "$generichide"
+  // ("@@/banner/ad/*$image,domain=...", "@@$generichide,domain=..."). None
+  // of them is about an ad server; CheckRequest lets the last one pass every
+  // request without a referer or from its own site, which would pass every
+  // CONNECT if it counted here.
   TunnelVerdict JudgeTunnelHost(std::string_view host) const;
 
   // Version text of the filters file in use ("0.0" without one).

@@ -329,13 +329,14 @@ std::string TunnelVerdict::RuleText() const {
     case R::kPartialRule:
       return "ad-server rule ||" + n + " has a path or options";
     case R::kException:
-      return wholeHostEntry ? "exception @@||" + n + "^" : "exception keyed " + n + " with a path or options";
+      return wholeHostEntry ? "exception @@||" + n + (separator ? "^" : "")
+                            : "exception keyed " + n + " with a path or options";
     case R::kExceptionText:
       return "an exception's text names or matches " + n;
     case R::kAnchoredKeyless:
       return "host-anchored exception without a host";
     case R::kAdServerRule:
-      return "||" + n + "^";
+      return "||" + n + (separator ? "^" : "");
   }
   return {};
 }
@@ -351,7 +352,9 @@ TunnelVerdict CFilterEngineImpl::JudgeTunnelHost(std::string_view target) const 
   vxfilter::SmallVec<std::string_view, 8> names;
   vxfilter::DomainSuffixes(name, names);
   // The caller's spelling of a name: the same bytes at the same place.
-  auto original = [&](std::string_view n) { return host.substr(static_cast<std::size_t>(n.data() - lowered)); };
+  auto original = [&](std::string_view n) {
+    return host.substr(static_cast<std::size_t>(n.data() - lowered));
+  };
   vxfilter::SmallVec<std::uint32_t, 8> hashes;
   for (std::string_view n : names) hashes.push_back(vxfilter::HashName(n));
   const std::size_t count = names.size();
@@ -364,29 +367,33 @@ TunnelVerdict CFilterEngineImpl::JudgeTunnelHost(std::string_view target) const 
 
   bool found = false;
   for (std::size_t i = 0; i < count && !found; ++i) {
-    bool whole = false;
-    if (!filters.FindExactKey(vxfilter::kAdServerExact, names[i], hashes[i], &whole)) continue;
-    if (whole) {
+    std::uint8_t flags = 0;
+    if (!filters.FindExactKey(vxfilter::kAdServerExact, names[i], hashes[i], &flags)) continue;
+    if ((flags & vxfilter::kFlagWholeHost) != 0) {
       found = true;
       verdict.name = original(names[i]);
+      verdict.separator = (flags & vxfilter::kFlagHasSeparator) != 0;
     } else if (verdict.reason == R::kNoAdServerRule) {
       verdict.reason = R::kPartialRule;
       verdict.name = original(names[i]);
     }
   }
   if (!found) return verdict;
+  const bool blockSeparator = verdict.separator;
 
-  verdict.wholeHostEntry = false;
   for (std::size_t i = 0; i < count; ++i) {
-    bool whole = false;
-    if ((approved != nullptr && approved->FindExactKey(vxfilter::kApprovedExact, names[i], hashes[i], &whole)) ||
-        filters.FindExactKey(vxfilter::kFiltersExceptionExact, names[i], hashes[i], &whole)) {
+    std::uint8_t flags = 0;
+    if ((approved != nullptr &&
+         approved->FindExactKey(vxfilter::kApprovedExact, names[i], hashes[i], &flags)) ||
+        filters.FindExactKey(vxfilter::kFiltersExceptionExact, names[i], hashes[i], &flags)) {
       verdict.reason = R::kException;
       verdict.name = original(names[i]);
-      verdict.wholeHostEntry = whole;
+      verdict.wholeHostEntry = (flags & vxfilter::kFlagWholeHost) != 0;
+      verdict.separator = (flags & vxfilter::kFlagHasSeparator) != 0;
       return verdict;
     }
   }
+  verdict.separator = false;
   for (std::size_t i = 0; i < count; ++i) {
     if ((approved != nullptr && approved->ExceptionTextMentions(names[i], hashes[i])) ||
         filters.ExceptionTextMentions(names[i], hashes[i])) {
@@ -405,7 +412,8 @@ TunnelVerdict CFilterEngineImpl::JudgeTunnelHost(std::string_view target) const 
     verdict.name = host;
     return verdict;
   }
-  if ((approved != nullptr && approved->HasAnchoredKeylessException()) || filters.HasAnchoredKeylessException()) {
+  if ((approved != nullptr && approved->HasAnchoredKeylessException()) ||
+      filters.HasAnchoredKeylessException()) {
     verdict.reason = R::kAnchoredKeyless;
     verdict.name = {};
     return verdict;
@@ -413,5 +421,6 @@ TunnelVerdict CFilterEngineImpl::JudgeTunnelHost(std::string_view target) const 
   verdict.block = true;
   verdict.reason = R::kAdServerRule;
   verdict.wholeHostEntry = true;
+  verdict.separator = blockSeparator;
   return verdict;
 }

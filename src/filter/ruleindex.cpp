@@ -259,13 +259,14 @@ void RuleIndex::Finish() {
     AddPieceHashes(Text(r.fragments, r.fragmentsLength), mentionHashes_);
   }
   std::sort(mentionHashes_.begin(), mentionHashes_.end());
-  mentionHashes_.erase(std::unique(mentionHashes_.begin(), mentionHashes_.end()), mentionHashes_.end());
+  mentionHashes_.erase(std::unique(mentionHashes_.begin(), mentionHashes_.end()),
+                       mentionHashes_.end());
   mentionHashes_.shrink_to_fit();
 }
 
 bool RuleIndex::FindExactKey(TableId table, std::string_view key, std::uint32_t hash,
-                             bool* wholeHost) const {
-  *wholeHost = false;
+                             std::uint8_t* flags) const {
+  *flags = 0;
   const std::uint32_t g = FindGroup(key, hash);
   if (g == kNoGroup) return false;
   const KeyGroup& group = groups_[g];
@@ -273,11 +274,9 @@ bool RuleIndex::FindExactKey(TableId table, std::string_view key, std::uint32_t 
   for (std::uint32_t k = 0; k < group.count; ++k) {
     const StoredRule& r = rules_[groupRules_[group.first + k]];
     if (r.table != table) continue;
+    if (!found || (r.flags & kFlagWholeHost) != 0) *flags = r.flags;
     found = true;
-    if ((r.flags & kFlagWholeHost) != 0) {
-      *wholeHost = true;
-      break;
-    }
+    if ((r.flags & kFlagWholeHost) != 0) break;
   }
   return found;
 }

@@ -38,8 +38,9 @@ class RuleIndex {
 
   // What the tunnel guard asks of a host name it only knows by name (hash is
   // HashName(key)). FindExactKey: whether the table holds an entry keyed
-  // exactly by it, and whether one of those is a bare "||key^" or "||key".
-  bool FindExactKey(TableId table, std::string_view key, std::uint32_t hash, bool* wholeHost) const;
+  // exactly by it; flags are those of the first bare "||key^" or "||key"
+  // among them (kFlagWholeHost set), else of the first one.
+  bool FindExactKey(TableId table, std::string_view key, std::uint32_t hash, std::uint8_t* flags) const;
   // Whether the text of some exception entry that is not found by its key
   // alone (wildcard keys, paths, key-less entries) contains the name.
   bool ExceptionTextMentions(std::string_view name, std::uint32_t hash) const;

@@ -36,7 +36,7 @@ TEST_F(TunnelVerdicts, OnlyBareAdServerRulesWithoutExceptionsBlock) {
       {"ads.example:443", true, "||ads.example^"},
       {"ADS.Example", true, "||ADS.Example^"},
       {"deep.sub.ads.example:443", true, "||ads.example^"},
-      {"plain.example:443", true, "||plain.example^"},
+      {"plain.example:443", true, "||plain.example"},
       {"bare.example", true, "||bare.example^"},
       {"x.sub.co.uk", true, "||sub.co.uk^"},
       {"co.uk", false, "no ad-server rule"},
