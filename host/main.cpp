@@ -3,7 +3,8 @@
 //
 //   vxproxy [run] [--data DIR] [--logs DIR] [--filters DIR] [--upstream HOST:PORT]
 //                 [--no-filter] [--trace] [--strict]
-//   vxproxy check ...            (see check.h)
+//   vxproxy check|stats|allow|disallow|allowed|pac|install-service ...
+//   vxproxy help [COMMAND]       (the text of every command: help.cpp)
 #include <dlfcn.h>
 
 #include <atomic>
@@ -12,10 +13,18 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <iostream>
 #include <string>
+#include <vector>
 
+#include "allowlist.h"
 #include "check.h"
+#include "help.h"
 #include "lists.h"
+#include "options.h"
+#include "pac.h"
+#include "paths.h"
+#include "service.h"
 #include "stats.h"
 #include "platform/platform.h"
 #include "vxproxy/files.h"
@@ -30,16 +39,6 @@ void OnStopSignal(int) { g_stopRequested = true; }
 std::atomic<bool> g_reloadRequested{false};
 
 void OnReloadSignal(int) { g_reloadRequested = true; }
-
-int Usage() {
-  std::fprintf(stderr,
-               "usage: vxproxy [run] [--data DIR] [--logs DIR] [--filters DIR] "
-               "[--upstream HOST:PORT] [--no-filter] [--trace] [--strict]\n"
-               "       vxproxy check [--filters FILE] [--approved FILE] [--type WORD] "
-               "[--referer URL] [--redirect] URL\n"
-               "       vxproxy check --filters FILE [--approved FILE] --batch\n");
-  return 2;
-}
 
 // The module sits beside the program.
 std::string ModulePath() {
@@ -144,119 +143,139 @@ void ServeUntilStopped(CVxHTTPProxy* proxy) {
   proxy->RemoveNotifyTarget(nullptr, self, kBlockedMessage);
 }
 
-struct RunOptions {
-  std::string data = ".";
-  std::string logs;
-  std::string filters;
-  std::string upstream;
-  bool filtering = true;
-  bool trace = false;
-  bool strict = false;  // the module's own behaviour, no extension
-};
-
-bool ParseRun(int argc, char** argv, int first, RunOptions* options) {
-  for (int i = first; i < argc; ++i) {
-    const std::string arg = argv[i];
-    auto value = [&](std::string* out) {
-      if (i + 1 >= argc) return false;
-      *out = argv[++i];
-      return true;
-    };
-    if (arg == "--data") {
-      if (!value(&options->data)) return false;
-    } else if (arg == "--logs") {
-      if (!value(&options->logs)) return false;
-    } else if (arg == "--filters") {
-      if (!value(&options->filters)) return false;
-    } else if (arg == "--upstream") {
-      if (!value(&options->upstream)) return false;
-    } else if (arg == "--no-filter") {
-      options->filtering = false;
-    } else if (arg == "--trace") {
-      options->trace = true;
-    } else if (arg == "--strict") {
-      options->strict = true;
-    } else {
-      std::fprintf(stderr, "vxproxy: unknown argument %s\n", arg.c_str());
-      return false;
-    }
-  }
-  if (options->filters.empty()) options->filters = options->data;
-  if (options->logs.empty()) options->logs = options->data;
-  return true;
-}
-
-int Run(const RunOptions& options) {
+int Run(vxhost::RunOptions options) {
+  if (!vxhost::ResolveFolders(&options, "run", std::cerr)) return 1;
   const std::string modulePath = ModulePath();
   void* module = dlopen(modulePath.c_str(), RTLD_NOW | RTLD_LOCAL);
   if (module == nullptr) {
-    std::fprintf(stderr, "vxproxy: cannot load %s: %s\n", modulePath.c_str(), dlerror());
+    std::fprintf(stderr,
+                 "vxproxy: cannot load the proxy module %s: %s\n"
+                 "It belongs beside the vxproxy program: build it (target vxproxy_module) or "
+                 "reinstall vxproxy.\n",
+                 modulePath.c_str(), dlerror());
     return 1;
   }
   auto getProxy = reinterpret_cast<GetProxyFunction>(dlsym(module, "GetProxy"));
   if (getProxy == nullptr) {
-    std::fprintf(stderr, "vxproxy: %s has no GetProxy\n", modulePath.c_str());
+    std::fprintf(stderr, "vxproxy: %s is no proxy module (it has no GetProxy); rebuild or reinstall vxproxy\n",
+                 modulePath.c_str());
     return 1;
   }
+  // Statistics are opened before the logs create their folder: make the
+  // folders first, or a first run would count no sites.
+  if (!vxhost::PrepareRunFolders(options, std::cerr)) return 1;
   CVxHTTPProxy* proxy = getProxy();
   proxy->SetDataFolder(options.data.c_str());
   proxy->SetLogFolder(options.logs.c_str());
   proxy->SetFilterFolder(options.filters.c_str());
-  if (!options.upstream.empty()) {
-    const size_t colon = options.upstream.rfind(':');
-    CStringBuffer host(options.upstream.substr(0, colon).c_str());
-    const unsigned short port = colon == std::string::npos
-        ? 80 : static_cast<unsigned short>(std::atoi(options.upstream.c_str() + colon + 1));
-    proxy->SetUpstreamProxy(host, &port);
-  }
-  // Statistics are opened before the logs create their folder: make both
-  // folders first, or a first run would count no sites.
-  for (const std::string* folder : {&options.data, &options.logs, &options.filters}) {
-    CFileStream::CreatePath(folder->c_str(), false);
+  if (!options.upstreamHost.empty()) {
+    CStringBuffer host(options.upstreamHost.c_str());
+    proxy->SetUpstreamProxy(host, &options.upstreamPort);
   }
   SeedStatStartTime(options.data);
   proxy->EnableFiltering(options.filtering);
   if (options.trace) proxy->SetTraceMode(2);
   proxy->SetExtensions(options.strict ? 0 : kExtensionsAll);
 
+  const unsigned configuredPort = vxhost::PortOfDataFolder(options.data);
   if (!proxy->Start()) {
-    const std::string filters = options.filters + "\\filters.txt";
-    if (!os::FileExists(filters.c_str())) {
-      std::fprintf(stderr, "vxproxy: cannot start: no filter list at %s\n",
-                   os::NativePath(filters.c_str()).c_str());
-    } else {
-      std::fprintf(stderr, "vxproxy: cannot start (see proxy.log in %s)\n", options.logs.c_str());
-    }
+    std::fprintf(stderr,
+                 "vxproxy: cannot start on port %u (Port= in %s/vexilo.ini) with the filter list "
+                 "%s/filters.txt; proxy.log in %s says why\n",
+                 configuredPort, options.data.c_str(), options.filters.c_str(), options.logs.c_str());
     return 1;
   }
   // Start writes the port actually in use back to the settings file.
   char port[16] = {};
   const std::string ini = options.data + "\\vexilo.ini";
   os::GetPrivateProfileStringA("Vexilo", "Port", "7070", port, sizeof port, ini.c_str());
+  if (configuredPort != 0 && std::to_string(configuredPort) != port) {
+    std::fprintf(stderr,
+                 "vxproxy: port %u is in use by another program, so the proxy took port %s, which "
+                 "browsers set to %u do not reach. Stop the other program and start again, or use "
+                 "the new port: %s/vexilo.ini now names it (vxproxy pac follows it).\n",
+                 configuredPort, port, configuredPort, options.data.c_str());
+  }
+  // Caught before the listening line: whoever waits for it may stop the
+  // program at once.
+  std::signal(SIGINT, OnStopSignal);
+  std::signal(SIGTERM, OnStopSignal);
   std::printf("vxproxy: listening on 127.0.0.1:%s\n", port);
   std::fflush(stdout);
 
-  std::signal(SIGINT, OnStopSignal);
-  std::signal(SIGTERM, OnStopSignal);
   std::signal(SIGHUP, OnReloadSignal);
   ServeUntilStopped(proxy);
   proxy->Stop();
   return 0;
 }
 
+// "stats" and "check" read the folders "run" uses unless told otherwise.
+int RunWithDefaultFolders(int argc, char** argv) {
+  const std::string command = argv[1];
+  std::vector<std::string> words(argv + 1, argv + argc);
+  auto has = [&](const char* option) {
+    for (const std::string& word : words) {
+      if (word == option) return true;
+    }
+    return false;
+  };
+  const std::string data = vxhost::DefaultDataFolder();
+  std::vector<std::string> defaults;
+  if (command == "stats" && !has("--data") && !data.empty()) {
+    defaults = {"--data", data};
+    const std::string logs = vxhost::DefaultLogFolder();
+    if (!has("--logs") && !logs.empty()) defaults.insert(defaults.end(), {"--logs", logs});
+  }
+  if (command == "check" && !has("--filters") && !has("--approved") && !data.empty()) {
+    for (const char* name : {"filters", "vexilowl"}) {
+      const std::string path = data + "/" + name + ".txt";
+      if (os::FileExists(path.c_str())) {
+        defaults.insert(defaults.end(), {name[0] == 'f' ? "--filters" : "--approved", path});
+      }
+    }
+  }
+  words.insert(words.begin() + 1, defaults.begin(), defaults.end());
+  std::vector<char*> pointers;
+  for (std::string& word : words) pointers.push_back(word.data());
+  pointers.push_back(nullptr);
+  const int count = static_cast<int>(words.size());
+  return command == "stats" ? RunStatsCommand(count, pointers.data())
+                            : RunCheckCommand(count, pointers.data());
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc > 1 && std::strcmp(argv[1], "check") == 0) return RunCheckCommand(argc - 1, argv + 1);
-  if (argc > 1 && std::strcmp(argv[1], "stats") == 0) return RunStatsCommand(argc - 1, argv + 1);
-  if (argc > 1 && std::strcmp(argv[1], "lists") == 0) return RunListsCommand(argc - 1, argv + 1);
-  int first = 1;
-  if (argc > 1 && std::strcmp(argv[1], "run") == 0) first = 2;
-  if (argc > 1 && (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0)) {
-    Usage();
+  const std::string command = argc > 1 ? argv[1] : "run";
+  if (command == "--help" || command == "-h") {
+    vxhost::PrintHelp(std::cout);
     return 0;
   }
-  RunOptions options;
-  if (!ParseRun(argc, argv, first, &options)) return Usage();
+  if (argc > 2 && (std::strcmp(argv[2], "--help") == 0 || std::strcmp(argv[2], "-h") == 0) &&
+      vxhost::PrintCommandHelp(command, std::cout)) {
+    return 0;
+  }
+  if (command == "help") return vxhost::RunHelpCommand(argc - 2, argv + 2, std::cout, std::cerr);
+  if (command == "check" || command == "stats") return RunWithDefaultFolders(argc, argv);
+  if (command == "lists") return RunListsCommand(argc - 1, argv + 1);
+  if (command == "allow" || command == "disallow" || command == "allowed") {
+    return vxhost::RunApprovedListCommand(argc - 1, argv + 1, std::cout, std::cerr);
+  }
+  if (command == "pac") return vxhost::RunPacCommand(argc - 1, argv + 1, std::cout, std::cerr);
+  if (command == "install-service") {
+    return vxhost::RunInstallServiceCommand(argc - 1, argv + 1, std::cout, std::cerr);
+  }
+  // Without a command word the options are run's.
+  if (command != "run" && command.rfind('-', 0) != 0) {
+    std::fprintf(stderr, "vxproxy: unknown command %s; vxproxy --help lists the commands\n",
+                 command.c_str());
+    return 2;
+  }
+  const int first = argc > 1 && command == "run" ? 2 : 1;
+  vxhost::RunOptions options;
+  if (!vxhost::ParseRunOptions(std::vector<std::string>(argv + first, argv + argc), "run", &options,
+                               std::cerr)) {
+    return 2;
+  }
   return Run(options);
 }

@@ -1,0 +1,48 @@
+// The options of "vxproxy run" (which "install-service" takes too) and the
+// "--data DIR" option of the small commands, with the folders they default to.
+#pragma once
+
+#include <iosfwd>
+#include <string>
+#include <vector>
+
+namespace vxhost {
+
+struct RunOptions {
+  std::string data;  // empty until ResolveFolders when --data was not given
+  std::string logs;
+  std::string filters;
+  std::string upstreamHost;
+  unsigned short upstreamPort = 0;
+  bool filtering = true;
+  bool trace = false;
+  bool strict = false;  // the module's own behaviour, no extension
+  // Which folders the user named; the others are defaults.
+  bool dataGiven = false;
+  bool logsGiven = false;
+  bool filtersGiven = false;
+  std::vector<std::string> typed;  // the options as given, with folders made absolute
+};
+
+// Reads run's options (the words after the command word). On bad usage
+// writes what is wrong, naming the option, and returns false.
+bool ParseRunOptions(const std::vector<std::string>& args, const std::string& command,
+                     RunOptions* options, std::ostream& err);
+
+// Fills in the folders not given: data $XDG_DATA_HOME/vxproxy, logs
+// $XDG_STATE_HOME/vxproxy (the data folder when only --data was given),
+// filters the data folder. False with a message when no default exists.
+bool ResolveFolders(RunOptions* options, const std::string& command, std::ostream& err);
+
+// Makes run's folders and checks that the proxy can use them; on the first
+// run (no filters.txt, no --filters) installs the starter list that ships
+// with the program as filters.txt. A message to err names the folder or file
+// at fault and what to do; notes (the starter list installed) go there too.
+bool PrepareRunFolders(const RunOptions& options, std::ostream& err);
+
+// "[--data DIR] WORD...": the data folder (the default one when not given)
+// and the other words. A word starting with "-" is an unknown option.
+bool ParseDataOption(const std::vector<std::string>& args, const std::string& command,
+                     std::string* data, std::vector<std::string>* words, std::ostream& err);
+
+}  // namespace vxhost
