@@ -1,7 +1,6 @@
 # What "cmake --install" lays out under the prefix:
 #
 #   bin/vxproxy                      the host program
-#   bin/libvxproxy.so                a link to the module, where the program looks
 #   lib/libvxproxy.so                the module (loaded with dlopen)
 #   lib/libvxutils.so, libvxplatform.so   the libraries the module and hosts link
 #   lib/pkgconfig/vxproxy.pc         flags for a host: headers and the two libraries
@@ -21,20 +20,13 @@ set(VX_INSTALL_DATADIR share/vxproxy)
 set(VX_INSTALL_CMAKEDIR ${VX_INSTALL_LIBDIR}/cmake/VxProxy)
 set(VX_MODULE_FILE ${CMAKE_SHARED_LIBRARY_PREFIX}vxproxy${CMAKE_SHARED_LIBRARY_SUFFIX})
 
-# The program links the libraries in ../lib; the module and vxutils find
-# theirs beside them.
+# The program links the libraries in ../lib and loads the module from there
+# (ModulePath in host/main.cpp); the module and vxutils find theirs beside them.
 set_target_properties(vxproxy PROPERTIES INSTALL_RPATH "$ORIGIN/../${VX_INSTALL_LIBDIR}")
 set_target_properties(vxproxy_module vxutils PROPERTIES INSTALL_RPATH "$ORIGIN")
 
 install(TARGETS vxproxy RUNTIME DESTINATION ${VX_INSTALL_BINDIR})
 install(TARGETS vxproxy_module vxutils vxplatform LIBRARY DESTINATION ${VX_INSTALL_LIBDIR})
-# The program loads the module from beside itself: a relative link there
-# points it at the one in lib/.
-install(CODE "
-  set(link \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${VX_INSTALL_BINDIR}/${VX_MODULE_FILE}\")
-  message(STATUS \"Installing: \${link} -> ../${VX_INSTALL_LIBDIR}/${VX_MODULE_FILE}\")
-  file(REMOVE \"\${link}\")
-  file(CREATE_LINK \"../${VX_INSTALL_LIBDIR}/${VX_MODULE_FILE}\" \"\${link}\" SYMBOLIC)")
 install(DIRECTORY ${CMAKE_SOURCE_DIR}/include/vxproxy DESTINATION ${VX_INSTALL_INCLUDEDIR}
   FILES_MATCHING PATTERN "*.h")
 

@@ -40,7 +40,8 @@ std::atomic<bool> g_reloadRequested{false};
 
 void OnReloadSignal(int) { g_reloadRequested = true; }
 
-// The module sits beside the program.
+// The module sits beside the program in a build, and in lib/ beside the bin/
+// of an installed tree.
 std::string ModulePath() {
   char self[4096] = {};
   std::string path;
@@ -48,7 +49,9 @@ std::string ModulePath() {
     path = os::NativePath(self);
     path.erase(path.find_last_of('/') + 1);
   }
-  return path + "libvxproxy.so";
+  const std::string beside = path + "libvxproxy.so";
+  const std::string installed = path + "../lib/libvxproxy.so";
+  return os::FileExists(beside.c_str()) || !os::FileExists(installed.c_str()) ? beside : installed;
 }
 
 // "12.3 KiB" and the like.
