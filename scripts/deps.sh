@@ -4,7 +4,7 @@ set -euo pipefail
 
 need=()
 have_pkg() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q "install ok installed"; }
-for pkg in cmake g++ ninja-build libgtest-dev libgmock-dev libbenchmark-dev libpugixml-dev libcurl4-openssl-dev curl "$@"; do
+for pkg in cmake g++ ninja-build libgtest-dev libgmock-dev libbenchmark-dev libpugixml-dev libcurl4-openssl-dev curl pkgconf "$@"; do
   have_pkg "$pkg" || need+=("$pkg")
 done
 if [ ${#need[@]} -gt 0 ]; then
