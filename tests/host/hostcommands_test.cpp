@@ -183,6 +183,39 @@ TEST_F(HostCommands, ApprovedListRoundTripKeepsTheOtherLines) {
   EXPECT_NE(Vx(url).output, "200\n");
 }
 
+// A running proxy follows the approved list as the commands change it:
+// "allow" lets a blocked site through within seconds, "disallow" blocks it
+// again, and the browser's connections stay usable throughout.
+TEST_F(HostCommands, AllowAndDisallowChangeARunningProxysVerdicts) {
+  WriteTextFile(Data("vexilo.ini"), "[Vexilo]\nPort=0\n");
+  WriteTextFile(Data("filters.txt"), "/banner/\n");
+  vxtest::OriginServer origin;
+  vxtest::ChildProcess proxy;
+  std::string lines;
+  unsigned short port = 0;
+  ASSERT_TRUE(StartProxy(&proxy, "", &lines, &port)) << lines;
+  const std::string host = "localhost:" + std::to_string(origin.Port());
+  int n = 0;
+  // True when a fresh banner request reached the origin (its "hello" came back).
+  auto passes = [&] {
+    vxtest::RawClient browser;
+    if (!browser.Connect(port)) return false;
+    const std::string path = "/banner/" + std::to_string(++n) + ".gif";
+    if (!browser.Send("GET http://" + host + path + " HTTP/1.1\r\nHost: " + host + "\r\n\r\n")) {
+      return false;
+    }
+    const std::string response = browser.ReceiveResponse(kWaitMs);
+    return response.size() >= 5 && response.compare(response.size() - 5, 5, "hello") == 0;
+  };
+  EXPECT_FALSE(passes());
+  ASSERT_EQ(Vx("allow localhost").code, 0);
+  EXPECT_TRUE(vxtest::WaitUntil(passes, kWaitMs));
+  ASSERT_EQ(Vx("disallow localhost").code, 0);
+  EXPECT_TRUE(vxtest::WaitUntil([&] { return !passes(); }, kWaitMs));
+  proxy.Interrupt();
+  EXPECT_EQ(proxy.Wait(kWaitMs), 0);
+}
+
 TEST_F(HostCommands, PacAndServiceFilesForBrowsersAndSystemd) {
   Outcome pac = Vx("pac");
   EXPECT_EQ(pac.code, 0) << pac.output;
