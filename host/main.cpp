@@ -2,11 +2,12 @@
 // does, and drives it through GetProxy and the service's virtual operations.
 //
 //   vxproxy [run] [--data DIR] [--logs DIR] [--filters DIR] [--upstream HOST:PORT]
-//                 [--no-filter] [--trace] [--strict]
+//                 [--no-filter] [--trace] [--strict] [--no-tunnel-guard]
 //   vxproxy check|stats|allow|disallow|allowed|pac|install-service ...
 //   vxproxy help [COMMAND]       (the text of every command: help.cpp)
 #include <dlfcn.h>
 
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <cstdio>
@@ -146,7 +147,7 @@ void ServeUntilStopped(CVxHTTPProxy* proxy) {
   proxy->RemoveNotifyTarget(nullptr, self, kBlockedMessage);
 }
 
-int Run(vxhost::RunOptions options) {
+int Run(vxhost::RunOptions options, unsigned extensions) {
   if (!vxhost::ResolveFolders(&options, "run", std::cerr)) return 1;
   const std::string modulePath = ModulePath();
   void* module = dlopen(modulePath.c_str(), RTLD_NOW | RTLD_LOCAL);
@@ -178,7 +179,7 @@ int Run(vxhost::RunOptions options) {
   SeedStatStartTime(options.data);
   proxy->EnableFiltering(options.filtering);
   if (options.trace) proxy->SetTraceMode(2);
-  proxy->SetExtensions(options.strict ? 0 : kExtensionsAll);
+  proxy->SetExtensions(options.strict ? 0 : extensions);
 
   const unsigned configuredPort = vxhost::PortOfDataFolder(options.data);
   if (!proxy->Start()) {
@@ -275,10 +276,14 @@ int main(int argc, char** argv) {
     return 2;
   }
   const int first = argc > 1 && command == "run" ? 2 : 1;
+  // --no-tunnel-guard: every extension but the tunnel guard, so HTTPS to
+  // ad hosts is tunnelled as the module was designed to.
+  std::vector<std::string> words(argv + first, argv + argc);
+  const auto guardOff = std::remove(words.begin(), words.end(), std::string("--no-tunnel-guard"));
+  const unsigned extensions =
+      guardOff == words.end() ? kExtensionsAll : kExtensionsAll & ~kExtensionTunnelGuard;
+  words.erase(guardOff, words.end());
   vxhost::RunOptions options;
-  if (!vxhost::ParseRunOptions(std::vector<std::string>(argv + first, argv + argc), "run", &options,
-                               std::cerr)) {
-    return 2;
-  }
-  return Run(options);
+  if (!vxhost::ParseRunOptions(words, "run", &options, std::cerr)) return 2;
+  return Run(options, extensions);
 }
