@@ -15,7 +15,7 @@ struct CommandHelp {
 constexpr CommandHelp kCommands[] = {
     {"run",
      "vxproxy [run] [--data DIR] [--logs DIR] [--filters DIR] [--upstream HOST:PORT]\n"
-     "              [--no-filter] [--trace] [--strict]",
+     "              [--no-filter] [--trace] [--strict] [--no-tunnel-guard]",
      "serve the browsers on this machine at 127.0.0.1:PORT until Ctrl-C",
      "  --data DIR            settings (vexilo.ini, vexilo.xml), your approved list\n"
      "                        (vexilowl.txt) and the statistics (sitecounter.xml);\n"
@@ -29,6 +29,8 @@ constexpr CommandHelp kCommands[] = {
      "  --no-filter           block nothing, relay everything\n"
      "  --trace               copy every header into request.log\n"
      "  --strict              the module's original behaviour: no extensions\n"
+     "  --no-tunnel-guard     every extension but the tunnel guard: HTTPS to ad hosts\n"
+     "                        is tunnelled like any other\n"
      "Missing folders are created. The port is Port= in the [Vexilo] section of\n"
      "vexilo.ini (default 7070); when another program holds it the system picks a\n"
      "free one, which is written back there. The program prints\n"
@@ -36,9 +38,11 @@ constexpr CommandHelp kCommands[] = {
     {"check",
      "vxproxy check [--filters FILE] [--approved FILE] [--type WORD] [--referer URL]\n"
      "              [--redirect] URL\n"
-     "vxproxy check --filters FILE [--approved FILE] --batch < requests.tsv",
+     "vxproxy check --filters FILE [--approved FILE] --batch < requests.tsv\n"
+     "vxproxy check [--filters FILE] [--approved FILE] --connect HOST[:PORT]",
      "the filter engine's verdict for one URL\n"
-     "the verdicts for tab-separated lines: url, type word, referer, redirect 0/1",
+     "the verdicts for tab-separated lines: url, type word, referer, redirect 0/1\n"
+     "what the tunnel guard does with a CONNECT to HOST, and the rule that decides",
      "Prints 100 (no rule), 200 (allowed), 300, 400 or 500 (blocked), one line per\n"
      "URL. --filters is a filter list file, --approved an approved list such as\n"
      "vexilowl.txt; when neither is given, filters.txt and vexilowl.txt of the\n"

@@ -276,14 +276,11 @@ int main(int argc, char** argv) {
     return 2;
   }
   const int first = argc > 1 && command == "run" ? 2 : 1;
-  // --no-tunnel-guard: every extension but the tunnel guard, so HTTPS to
-  // ad hosts is tunnelled as the module was designed to.
   std::vector<std::string> words(argv + first, argv + argc);
-  const auto guardOff = std::remove(words.begin(), words.end(), std::string("--no-tunnel-guard"));
-  const unsigned extensions =
-      guardOff == words.end() ? kExtensionsAll : kExtensionsAll & ~kExtensionTunnelGuard;
-  words.erase(guardOff, words.end());
   vxhost::RunOptions options;
   if (!vxhost::ParseRunOptions(words, "run", &options, std::cerr)) return 2;
-  return Run(options, extensions);
+  // --no-tunnel-guard: every extension but the tunnel guard, so HTTPS to
+  // ad hosts is tunnelled as the module was designed to.
+  return Run(options, options.tunnelGuard ? kExtensionsAll
+                                          : kExtensionsAll & ~kExtensionTunnelGuard);
 }

@@ -72,6 +72,9 @@ bool ParseRunOptions(const std::vector<std::string>& args, const std::string& co
         return false;
       }
       options->typed.insert(options->typed.end(), {arg, text});
+    } else if (arg == "--no-tunnel-guard") {
+      options->tunnelGuard = false;
+      options->typed.push_back(arg);
     } else if (arg == "--no-filter" || arg == "--trace" || arg == "--strict") {
       bool* flag = arg == "--no-filter" ? &options->filtering
                    : arg == "--trace"   ? &options->trace

@@ -17,6 +17,7 @@ struct RunOptions {
   bool filtering = true;
   bool trace = false;
   bool strict = false;  // the module's own behaviour, no extension
+  bool tunnelGuard = true;  // with the other extensions, unless --no-tunnel-guard
   // Which folders the user named; the others are defaults.
   bool dataGiven = false;
   bool logsGiven = false;
