@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "paths.h"
+#include "stats.h"
 
 namespace fs = std::filesystem;
 
@@ -164,20 +165,6 @@ std::string ListLines(std::string_view raw) {
 
 std::string Rules(std::size_t count) {
   return std::to_string(count) + (count == 1 ? " rule" : " rules");
-}
-
-std::string HumanSize(std::uint64_t bytes) {
-  if (bytes < 1024) return std::to_string(bytes) + " B";
-  static const char* const kUnits[] = {"KiB", "MiB", "GiB", "TiB"};
-  double value = static_cast<double>(bytes) / 1024.0;
-  int unit = 0;
-  while (value >= 1024.0 && unit < 3) {
-    value /= 1024.0;
-    ++unit;
-  }
-  char text[32];
-  std::snprintf(text, sizeof text, "%.1f %s", value, kUnits[unit]);
-  return text;
 }
 
 std::string LocalDate(std::int64_t seconds) {

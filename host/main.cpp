@@ -55,20 +55,6 @@ std::string ModulePath() {
   return os::FileExists(beside.c_str()) || !os::FileExists(installed.c_str()) ? beside : installed;
 }
 
-// "12.3 KiB" and the like.
-std::string HumanBytes(std::uint64_t bytes) {
-  static const char* const kUnits[] = {"B", "KiB", "MiB", "GiB", "TiB"};
-  double value = static_cast<double>(bytes);
-  int unit = 0;
-  while (value >= 1024 && unit < 4) {
-    value /= 1024;
-    ++unit;
-  }
-  char text[32];
-  std::snprintf(text, sizeof text, unit == 0 ? "%.0f %s" : "%.1f %s", value, kUnits[unit]);
-  return text;
-}
-
 // The host's own message for "a request was blocked".
 constexpr UINT kBlockedMessage = 0x8000 + 1;
 constexpr int kStatusRefreshMs = 500;
@@ -135,7 +121,7 @@ void ServeUntilStopped(CVxHTTPProxy* proxy) {
     char line[160];
     std::snprintf(line, sizeof line, "requests %llu  blocked %lu  saved %s  connections %d",
                   static_cast<unsigned long long>(ended > judged ? ended : judged), blocked,
-                  HumanBytes(saved - savedAtStart).c_str(), proxy->GetActiveClientCount());
+                  HumanSize(saved - savedAtStart).c_str(), proxy->GetActiveClientCount());
     if (shown == line) continue;
     const std::size_t width = std::strlen(line);
     std::printf("\r%s%*s", line, static_cast<int>(shownWidth > width ? shownWidth - width : 0), "");

@@ -100,19 +100,6 @@ bool ReadStatistics(const StatsOptions& options, Statistics* stats, std::ostream
   return true;
 }
 
-std::string HumanSize(std::uint64_t bytes) {
-  if (bytes < 1024) return std::to_string(bytes) + " B";
-  static const char* const kUnits[] = {"KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
-  double value = static_cast<double>(bytes) / 1024.0;
-  int unit = 0;
-  while (value >= 1024.0 && unit < 5) {
-    value /= 1024.0;
-    ++unit;
-  }
-  char text[32];
-  std::snprintf(text, sizeof text, "%.1f %s", value, kUnits[unit]);
-  return text;
-}
 
 std::string LocalDate(std::uint64_t seconds) {
   if (seconds == 0) return "not recorded";
@@ -173,6 +160,20 @@ void PrintJson(const Statistics& stats, std::ostream& out) {
 }
 
 }  // namespace
+
+std::string HumanSize(std::uint64_t bytes) {
+  if (bytes < 1024) return std::to_string(bytes) + " B";
+  static const char* const kUnits[] = {"KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
+  double value = static_cast<double>(bytes) / 1024.0;
+  int unit = 0;
+  while (value >= 1024.0 && unit < 5) {
+    value /= 1024.0;
+    ++unit;
+  }
+  char text[32];
+  std::snprintf(text, sizeof text, "%.1f %s", value, kUnits[unit]);
+  return text;
+}
 
 int RunStats(int argc, char** argv, std::ostream& out, std::ostream& err) {
   StatsOptions options;

@@ -11,6 +11,7 @@
 // usage.
 #pragma once
 
+#include <cstdint>
 #include <iosfwd>
 #include <string>
 
@@ -22,3 +23,6 @@ int RunStats(int argc, char** argv, std::ostream& out, std::ostream& err);
 // semaphore like the proxy's own stores, so nothing another process wrote
 // is lost. Call it before the proxy starts.
 void SeedStatStartTime(const std::string& dataFolder);
+
+// "812 B", "12.3 KiB", "4.0 MiB" and so on.
+std::string HumanSize(std::uint64_t bytes);
