@@ -32,10 +32,7 @@ unsigned short StartHost(vxtest::ChildProcess& host, const TempDir& dir, bool st
   std::vector<std::string> arguments = {"run", "--data", dir / "data"};
   if (strict) arguments.push_back("--strict");
   if (!host.Start(std::string(VX_BINARY_DIR) + "/vxproxy", arguments)) return 0;
-  const std::string line = host.ReadLine(kWaitMs);
-  const std::string prefix = "vxproxy: listening on 127.0.0.1:";
-  if (line.rfind(prefix, 0) != 0) return 0;
-  return static_cast<unsigned short>(std::stoi(line.substr(prefix.size())));
+  return vxtest::ReadListeningPort(host, kWaitMs);
 }
 
 }  // namespace

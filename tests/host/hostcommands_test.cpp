@@ -56,16 +56,8 @@ class HostCommands : public ::testing::Test {
     std::vector<std::string> words = Environment();
     words.insert(words.end(), {"/bin/sh", "-c", "exec \"$0\" run " + args + " 2>&1", kProgram});
     if (!child->Start("/usr/bin/env", words)) return false;
-    const std::string prefix = "vxproxy: listening on 127.0.0.1:";
-    for (;;) {
-      const std::string line = child->ReadLine(kWaitMs);
-      if (line.empty()) return false;
-      *lines += line + "\n";
-      if (line.rfind(prefix, 0) == 0) {
-        *port = static_cast<unsigned short>(std::stoi(line.substr(prefix.size())));
-        return true;
-      }
-    }
+    *port = vxtest::ReadListeningPort(*child, kWaitMs, lines);
+    return *port != 0;
   }
 
   std::string Data(const std::string& name) const { return dir_ / ("share/vxproxy/" + name); }

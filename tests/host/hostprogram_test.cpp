@@ -48,10 +48,8 @@ TEST(HostProgram, RunCountsABrowsingSessionAndStatsShowsIt) {
   const std::string program = std::string(VX_BINARY_DIR) + "/vxproxy";
   ASSERT_TRUE(host.Start(program, {"run", "--data", (dir / "data"), "--logs",
                                    (dir / "logs")}));
-  const std::string listening = host.ReadLine(kWaitMs);
-  const std::string prefix = "vxproxy: listening on 127.0.0.1:";
-  ASSERT_EQ(listening.rfind(prefix, 0), 0u) << listening;
-  const unsigned short port = static_cast<unsigned short>(std::stoi(listening.substr(prefix.size())));
+  const unsigned short port = vxtest::ReadListeningPort(host, kWaitMs);
+  ASSERT_NE(port, 0);
 
   // Sites are counted by host name; an address could not name an element.
   const std::string origin_host = "localhost:" + std::to_string(origin.Port());

@@ -237,10 +237,8 @@ TEST_F(ListsCommand, ARunningProxyBlocksByTheNewList) {
 
   vxtest::ChildProcess proxy;
   ASSERT_TRUE(proxy.Start(kProgram, {"run", "--data", data, "--logs", logs}));
-  const std::string listening = proxy.ReadLine(10000);
-  const std::string prefix = "vxproxy: listening on 127.0.0.1:";
-  ASSERT_EQ(listening.rfind(prefix, 0), 0u) << listening;
-  const auto port = static_cast<unsigned short>(std::stoi(listening.substr(prefix.size())));
+  const unsigned short port = vxtest::ReadListeningPort(proxy, 10000);
+  ASSERT_NE(port, 0);
   // Whether the origin's answer (a 404 "not here") still comes through.
   const std::string host = "localhost:" + std::to_string(origin_.Port());
   const auto passes = [&] {

@@ -115,6 +115,18 @@ int ChildProcess::Wait(int timeoutMs) {
   }
 }
 
+unsigned short ReadListeningPort(ChildProcess& proxy, int timeoutMs, std::string* lines) {
+  const std::string prefix = "vxproxy: listening on 127.0.0.1:";
+  for (;;) {
+    const std::string line = proxy.ReadLine(timeoutMs);
+    if (line.empty()) return 0;
+    if (lines != nullptr) *lines += line + "\n";
+    if (line.rfind(prefix, 0) == 0) {
+      return static_cast<unsigned short>(std::stoi(line.substr(prefix.size())));
+    }
+  }
+}
+
 int ThreadCount() {
   std::ifstream status("/proc/self/status");
   std::string line;

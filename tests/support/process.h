@@ -45,6 +45,11 @@ class ChildProcess {
   std::string pending_;
 };
 
+// Reads what a started "vxproxy run" prints up to its line
+// "vxproxy: listening on 127.0.0.1:PORT" and returns the port; 0 when the
+// output ends or stalls first. Every line read is added to lines if given.
+unsigned short ReadListeningPort(ChildProcess& proxy, int timeoutMs, std::string* lines = nullptr);
+
 // Threads of this process right now, as the system counts them (-1 when it
 // cannot tell).
 int ThreadCount();
