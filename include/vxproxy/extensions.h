@@ -13,5 +13,13 @@ constexpr unsigned kExtensionDeepAcceptQueue = 1u << 1;
 // ("||host^" without path or options, and no exception for it) is refused
 // with a 403 instead of being tunnelled.
 constexpr unsigned kExtensionTunnelGuard = 1u << 2;
-constexpr unsigned kExtensionsAll =
-    kExtensionQuickLiveness | kExtensionDeepAcceptQueue | kExtensionTunnelGuard;
+// Loopback listener: the proxy listens on 127.0.0.1 only instead of every
+// interface, so other machines cannot reach it or fill its accept queue.
+constexpr unsigned kExtensionLoopbackListener = 1u << 3;
+// Standard HTTP: messages are framed, retried and answered as RFC 9110/9112
+// ask (one request judged at a time, no bytes past a message's end, 400/502/
+// 504 replies instead of silent closes, a Via field).
+constexpr unsigned kExtensionStandardHttp = 1u << 4;
+constexpr unsigned kExtensionsAll = kExtensionQuickLiveness | kExtensionDeepAcceptQueue |
+                                    kExtensionTunnelGuard | kExtensionLoopbackListener |
+                                    kExtensionStandardHttp;
