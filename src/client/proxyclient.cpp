@@ -292,6 +292,7 @@ bool CProxyClient::RelayChunked(SOCKET source, SOCKET destination, CBufStream* c
         }
         break;
       case CChunkFraming::State::kSizeLine:
+      case CChunkFraming::State::kDataEnd:
       case CChunkFraming::State::kTrailer:
         if (step.needMore && ReceiveMore(source) <= 0) return false;
         break;

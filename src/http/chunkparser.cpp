@@ -1,5 +1,6 @@
 #include "http/chunkparser.h"
 
+#include <cctype>
 #include <cstdlib>
 #include <string>
 
@@ -13,6 +14,15 @@ int LineSize(const char* data, int size) {
   return 0;
 }
 
+// Hex digits, then nothing or an extension after optional blanks and ";".
+bool IsSizeLine(const char* line, int size) {
+  int i = 0;
+  while (i < size && std::isxdigit(static_cast<unsigned char>(line[i]))) ++i;
+  if (i == 0) return false;
+  while (i < size && (line[i] == ' ' || line[i] == '\t')) ++i;
+  return i == size || line[i] == ';';
+}
+
 }  // namespace
 
 CChunkFraming::Step CChunkFraming::Next(const char* data, int size) {
@@ -23,6 +33,17 @@ CChunkFraming::Step CChunkFraming::Next(const char* data, int size) {
     DataRelayed(step.forward);
     return step;
   }
+  if (state_ == State::kDataEnd) {
+    if (size < 2) {
+      step.needMore = true;
+    } else if (data[0] == '\r' && data[1] == '\n') {
+      step.forward = 2;
+      state_ = State::kSizeLine;
+    } else {
+      state_ = State::kError;
+    }
+    return step;
+  }
 
   const int lineSize = LineSize(data, size);
   if (lineSize == 0) {
@@ -31,6 +52,10 @@ CChunkFraming::Step CChunkFraming::Next(const char* data, int size) {
     } else {
       step.needMore = true;
     }
+    return step;
+  }
+  if (strict_ && state_ == State::kSizeLine && !IsSizeLine(data, lineSize - 2)) {
+    state_ = State::kError;
     return step;
   }
   step.forward = lineSize;
@@ -53,7 +78,8 @@ CChunkFraming::Step CChunkFraming::Next(const char* data, int size) {
   } else {
     step.event = Event::kChunk;
     step.chunkSize = static_cast<int>(chunkSize);
-    remaining_ = step.chunkSize + 2;  // the data and its closing CRLF
+    // The data and its closing CRLF, which a strict framing looks at.
+    remaining_ = strict_ ? step.chunkSize : step.chunkSize + 2;
     state_ = State::kData;
   }
   return step;
@@ -63,6 +89,6 @@ void CChunkFraming::DataRelayed(int count) {
   remaining_ -= count;
   if (remaining_ <= 0) {
     remaining_ = 0;
-    state_ = State::kSizeLine;
+    state_ = strict_ ? State::kDataEnd : State::kSizeLine;
   }
 }

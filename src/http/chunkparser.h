@@ -11,7 +11,8 @@ class CChunkFraming {
  public:
   enum class State {
     kSizeLine,  // a chunk-size line is due
-    kData,      // DataRemaining() bytes of chunk data and its CRLF are due
+    kData,      // DataRemaining() bytes of chunk data (and its CRLF, unless strict) are due
+    kDataEnd,   // strict: the CRLF that closes a chunk's data is due
     kTrailer,   // the last chunk was seen; trailer lines until the empty line
     kDone,      // the empty line that ends the body was passed on
     kError,     // not a chunked body we relay
@@ -25,6 +26,11 @@ class CChunkFraming {
     int chunkSize = 0;      // with kChunk
   };
 
+  // A strict framing also refuses a size line that is not hex digits with an
+  // optional extension, an empty line where a size is due, and chunk data
+  // not followed by CRLF, instead of reading them as well as it can.
+  explicit CChunkFraming(bool strict = false) : strict_(strict) {}
+
   // Looks at the bytes not yet passed on, starting at data; takes at most one
   // line or one chunk's data. The caller passes on step.forward bytes, then
   // asks again, or receives more, or in kData may relay DataRemaining() bytes
@@ -36,6 +42,7 @@ class CChunkFraming {
   int DataRemaining() const { return remaining_; }
 
  private:
+  bool strict_;
   State state_ = State::kSizeLine;
   int remaining_ = 0;
 };

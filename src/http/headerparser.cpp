@@ -132,10 +132,28 @@ const struct {
 
 HeaderScanStep CHeaderScanner::Scan(CBufStream& buffer) {
   HeaderScanStep step;
+  if (strict_) {
+    if (isRequest_ && !startLineTaken_) {
+      // A stray CRLF after the previous request's body is no request.
+      int skip = 0;
+      const char* data = buffer.GetBuffer();
+      while (skip + 1 < buffer.GetSize() && data[skip] == '\r' && data[skip + 1] == '\n') skip += 2;
+      buffer.Consume(skip);
+      checkedTo_ = std::max(0, checkedTo_ - skip);
+    }
+    if (!CheckBytes(buffer)) {
+      step.status = HeaderStatus::kMalformed;
+      return step;
+    }
+  }
   if (!startLineTaken_) {
     const char* data = buffer.GetBuffer();
     if (const char* lineEnd = FindBytes(data, buffer.GetSize(), "\r\n", false)) {
       TakeStartLine(buffer, static_cast<int>(lineEnd - data) + 2, step);
+      if (error_ != nullptr) {
+        step.status = HeaderStatus::kMalformed;
+        return step;
+      }
     }
   }
 
@@ -156,8 +174,59 @@ HeaderScanStep CHeaderScanner::Scan(CBufStream& buffer) {
   return step;
 }
 
+bool CHeaderScanner::CheckBytes(const CBufStream& buffer) {
+  const char* data = buffer.GetBuffer();
+  const int size = buffer.GetSize();
+  for (int i = checkedTo_; i < size; ++i) {
+    if (data[i] == '\0') {
+      error_ = "NUL in the header";
+      return false;
+    }
+    if (data[i] == '\r') {
+      if (i + 1 == size) {  // its LF may come with the next receive
+        checkedTo_ = i;
+        return true;
+      }
+      if (data[i + 1] != '\n') {
+        error_ = "CR without LF in the header";
+        return false;
+      }
+    } else if (data[i] == '\n') {
+      if (i == 0 || data[i - 1] != '\r') {
+        error_ = "LF without CR in the header";
+        return false;
+      }
+      // The blank line ends the header; the bytes after it are a body's.
+      if (i >= 3 && data[i - 2] == '\n') {
+        checkedTo_ = i + 1;
+        return true;
+      }
+    }
+  }
+  checkedTo_ = size;
+  return true;
+}
+
+namespace {
+
+// "HTTP/1.x nnn" with a status of 100 to 599, then the end or a blank and a
+// reason phrase (whose text nobody reads).
+bool IsStatusLine(std::string_view line) {
+  auto digit = [&](std::size_t at) { return at < line.size() && line[at] >= '0' && line[at] <= '9'; };
+  return line.substr(0, 7) == "HTTP/1." && digit(7) && line.size() >= 12 && line[8] == ' ' &&
+         line[9] >= '1' && line[9] <= '5' && digit(10) && digit(11) &&
+         (line.size() == 12 || line[12] == ' ');
+}
+
+}  // namespace
+
 void CHeaderScanner::TakeStartLine(CBufStream& buffer, int lineSize, HeaderScanStep& step) {
   const char* data = buffer.GetBuffer();
+  if (strict_ && !isRequest_ &&
+      !IsStatusLine(std::string_view(data, static_cast<std::size_t>(lineSize - 2)))) {
+    error_ = "malformed status line";
+    return;
+  }
   if (!isRequest_) {
     const char* version = FindBytes(data, lineSize - 2, "HTTP/1.", true);
     if (version == nullptr) {
@@ -246,4 +315,129 @@ void ParseHeaderFields(const CStringBuffer& lines, const char* localAddress,
     }
     if (keep) fields.otherLines << line << "\r\n";
   }
+}
+
+// ------------------------------------------------------ standard framing --
+
+namespace {
+
+constexpr std::string_view kOws = " \t";
+
+std::string_view TrimOws(std::string_view text) {
+  const std::size_t first = text.find_first_not_of(kOws);
+  if (first == std::string_view::npos) return {};
+  return text.substr(first, text.find_last_not_of(kOws) + 1 - first);
+}
+
+bool EqualsIgnoringCase(std::string_view a, std::string_view b) {
+  if (a.size() != b.size()) return false;
+  for (std::size_t i = 0; i < a.size(); ++i) {
+    if (LowerAscii(a[i]) != LowerAscii(b[i])) return false;
+  }
+  return true;
+}
+
+// The characters of a field name (a token).
+bool IsTokenChar(char c) {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+         (c != '\0' && std::strchr("!#$%&'*+-.^_`|~", c) != nullptr);
+}
+
+// Calls each(member) for the trimmed, non-empty members of a list value.
+template <typename Each>
+void ForEachMember(std::string_view value, Each each) {
+  while (!value.empty()) {
+    const std::size_t comma = value.find(',');
+    const std::string_view member = TrimOws(value.substr(0, comma));
+    if (!member.empty()) each(member);
+    if (comma == std::string_view::npos) break;
+    value.remove_prefix(comma + 1);
+  }
+}
+
+// Longest Content-Length taken: more digits could overflow the count.
+constexpr std::size_t kMaxLengthDigits = 18;
+
+}  // namespace
+
+MessageFraming ReadFraming(std::string_view lines, bool isRequest, bool http10) {
+  MessageFraming framing;
+  bool transferEncoding = false;
+  int chunkedCount = 0;
+  bool chunkedLast = false;
+  int hostFields = 0;
+  auto fail = [&](const char* error) {
+    if (framing.error == nullptr) framing.error = error;
+  };
+
+  while (!lines.empty() && framing.error == nullptr) {
+    const std::size_t end = lines.find("\r\n");
+    const std::string_view line = lines.substr(0, end);
+    lines.remove_prefix(end == std::string_view::npos ? lines.size() : end + 2);
+    if (line.empty()) break;
+    if (line[0] == ' ' || line[0] == '\t') {
+      fail("folded header line");
+      break;
+    }
+    const std::size_t colon = line.find(':');
+    if (colon == std::string_view::npos) {
+      fail("header line without a colon");
+      break;
+    }
+    const std::string_view name = line.substr(0, colon);
+    if (name.empty() || !std::all_of(name.begin(), name.end(), IsTokenChar)) {
+      fail("malformed header field name");
+      break;
+    }
+    const std::string_view value = TrimOws(line.substr(colon + 1));
+
+    if (EqualsIgnoringCase(name, "Content-Length")) {
+      if (value.empty()) fail("invalid Content-Length");
+      ForEachMember(value, [&](std::string_view member) {
+        if (member.size() > kMaxLengthDigits ||
+            !std::all_of(member.begin(), member.end(), [](char c) { return c >= '0' && c <= '9'; })) {
+          fail("invalid Content-Length");
+          return;
+        }
+        const long long length = std::stoll(std::string(member));
+        if (framing.hasLength && length != framing.length) fail("conflicting Content-Length values");
+        framing.hasLength = true;
+        framing.length = length;
+      });
+    } else if (EqualsIgnoringCase(name, "Transfer-Encoding")) {
+      transferEncoding = true;
+      ForEachMember(value, [&](std::string_view member) {
+        const std::string_view coding = TrimOws(member.substr(0, member.find(';')));
+        chunkedLast = EqualsIgnoringCase(coding, "chunked");
+        if (chunkedLast) ++chunkedCount;
+      });
+    } else if (EqualsIgnoringCase(name, "Connection") ||
+               (isRequest && EqualsIgnoringCase(name, "Proxy-Connection"))) {
+      ForEachMember(value, [&](std::string_view option) {
+        if (EqualsIgnoringCase(option, "close")) framing.close = true;
+        if (EqualsIgnoringCase(option, "keep-alive")) framing.keepAlive = true;
+      });
+    } else if (isRequest && EqualsIgnoringCase(name, "Host")) {
+      ++hostFields;
+    }
+  }
+
+  if (hostFields > 1) fail("more than one Host field");
+  if (transferEncoding) {
+    if (http10) fail("Transfer-Encoding in an HTTP/1.0 message");
+    if (framing.hasLength) fail("Content-Length together with Transfer-Encoding");
+    if (chunkedCount > 1) fail("chunked coding applied twice");
+    if (chunkedLast) {
+      framing.chunked = true;
+    } else if (isRequest) {
+      fail("Transfer-Encoding without chunked last");
+    } else {
+      framing.untilClose = true;
+    }
+  }
+  if (framing.error != nullptr) {
+    framing.hasLength = framing.chunked = framing.untilClose = false;
+    framing.length = 0;
+  }
+  return framing;
 }

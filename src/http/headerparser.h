@@ -6,6 +6,7 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <string_view>
 
 #include "vxproxy/stringbuffer.h"
 
@@ -17,6 +18,7 @@ enum class HeaderStatus {
   kNeedMore,   // no blank line yet
   kComplete,   // the header ends HeaderSize() bytes into the buffer
   kTooLarge,   // more than kMaxHeaderBytes without an end
+  kMalformed,  // a strict scanner found what no header may hold (Error() says what)
 };
 
 // What the first line of a response said about itself.
@@ -36,7 +38,11 @@ struct HeaderScanStep {
 // between calls; each call resumes the search where the previous one stopped.
 class CHeaderScanner {
  public:
-  explicit CHeaderScanner(bool isRequest) : isRequest_(isRequest) {}
+  // A strict scanner refuses a NUL, a CR or LF outside a CRLF pair and a
+  // response whose first line is not "HTTP/1.x nnn ..." as soon as they
+  // arrive, and skips empty lines before a request.
+  explicit CHeaderScanner(bool isRequest, bool strict = false)
+      : isRequest_(isRequest), strict_(strict) {}
 
   // Changes the buffer only by dropping a response's leading remnant bytes.
   HeaderScanStep Scan(CBufStream& buffer);
@@ -49,11 +55,18 @@ class CHeaderScanner {
   int StatusCode() const { return statusCode_; }
   // Valid after kComplete: start line to blank line inclusive.
   int HeaderSize() const { return headerSize_; }
+  // With kMalformed: what is wrong, in words for the peer's answer.
+  const char* Error() const { return error_; }
 
  private:
   void TakeStartLine(CBufStream& buffer, int lineSize, HeaderScanStep& step);
+  // Strict: looks at the bytes not yet checked, up to the header's end.
+  bool CheckBytes(const CBufStream& buffer);
 
   bool isRequest_;
+  bool strict_;
+  int checkedTo_ = 0;
+  const char* error_ = nullptr;
   bool startLineTaken_ = false;
   int scanFrom_ = 0;  // the blank-line search resumes here
   CStringBuffer startLine_;
@@ -86,3 +99,23 @@ using TypeWordNormalizer = std::function<void(CStringBuffer&)>;
 void ParseHeaderFields(const CStringBuffer& lines, const char* localAddress,
                        const TypeWordNormalizer& normalize, HeaderFields& fields,
                        std::map<std::string, std::string>* map);
+
+// How a message's body is framed and what its Connection field asks, by the
+// standard's rules rather than the first-match reading above: every field
+// line counts, lists are split, and whatever leaves the body's end in doubt
+// is an error.
+struct MessageFraming {
+  const char* error = nullptr;  // what makes the header unusable, for the peer's answer
+  bool hasLength = false;
+  long long length = 0;         // with hasLength
+  bool chunked = false;         // chunked is the last transfer coding
+  bool untilClose = false;      // codings without chunked last: a response ends with the close
+  bool close = false;           // "close" among the connection options
+  bool keepAlive = false;       // "keep-alive" among them
+};
+
+// lines: the field section of a header that a strict scanner accepted (start
+// line removed, blank line optional). A request's Proxy-Connection options
+// count as its Connection options, since they reach the server as those; a
+// request with two Host fields names no one server and is an error too.
+MessageFraming ReadFraming(std::string_view lines, bool isRequest, bool http10);

@@ -28,9 +28,24 @@ struct RequestTargetParts {
   // The path has a '/': only then does the session map the type word
   // (an "unknown" included).
   bool typeWordFromPath = false;
+  // Strict only: why the request is refused, in words for the browser's
+  // answer; null when it is fine.
+  const char* error = nullptr;
 };
 
 // startLine is the request line as received (its CRLF may follow);
-// hostField the value of the Host field, "" when the request has none.
-// Every start line yields parts; nothing is rejected here.
-RequestTargetParts ParseRequestTarget(std::string_view startLine, const char* hostField);
+// hostField the value of the Host field, null when the request has none.
+// Every start line yields parts. A strict split reads the line as the
+// standard writes it: "METHOD target HTTP/1.x" with single blanks; an
+// absolute URL of any scheme, a path, or CONNECT's host and port; a host and
+// port that ParseAuthority accepts, and a Host field in every HTTP/1.1
+// request. Anything else sets error.
+RequestTargetParts ParseRequestTarget(std::string_view startLine, const char* hostField,
+                                      bool strict = false);
+
+// "host[:port]" as a URL or a Host field names a server: the host (an IPv6
+// literal keeps its brackets) and the port, defaultPort when none is written.
+// Null when fine, otherwise what is wrong: user information, a malformed or
+// empty host, or a port that is not 1 to 65535 in decimal.
+const char* ParseAuthority(std::string_view authority, unsigned short defaultPort,
+                           CStringBuffer& host, unsigned short& port);

@@ -20,9 +20,10 @@ struct Relayed {
 // body is what the source sends: the first `buffered` bytes came with the
 // header, the rest arrives in receives of `piece` bytes, except chunk data
 // that finds the buffer empty, which is relayed past it in one go.
-Relayed Relay(const std::string& body, std::size_t buffered, std::size_t piece) {
+Relayed Relay(const std::string& body, std::size_t buffered, std::size_t piece,
+              bool strict = false) {
   Relayed r;
-  CChunkFraming framing;
+  CChunkFraming framing(strict);
   std::string buffer = body.substr(0, buffered);
   std::size_t next = buffered;
   for (;;) {
@@ -56,28 +57,38 @@ TEST(ChunkFraming, BodiesPassUnchangedWhateverTheReceives) {
   const struct {
     std::string body;
     const char* events;
+    bool strictToo;  // also a body by the standard's rules
   } cases[] = {
-      {"5\r\nhello\r\n0\r\n\r\n", "5;last;"},
+      {"5\r\nhello\r\n0\r\n\r\n", "5;last;", true},
       // Hex digits in either case; an extension after ";" is not read.
-      {"1A\r\n" + std::string(26, 'u') + "\r\n1a;n=v\r\n" + std::string(26, 'l') + "\r\n0\r\n\r\n",
-       "26;26;last;"},
+      {"1A\r\n" + std::string(26, 'u') + "\r\n1a ;n=v\r\n" + std::string(26, 'l') + "\r\n0\r\n\r\n",
+       "26;26;last;", true},
       // Trailer lines after the last chunk are passed on; the empty line ends.
-      {"3\r\nabc\r\n0\r\nX-T: 1\r\nX-U: 2\r\n\r\n", "3;last;"},
+      {"3\r\nabc\r\n0\r\nX-T: 1\r\nX-U: 2\r\n\r\n", "3;last;", true},
       // Data not ending in CRLF makes the next "line" start inside it.
-      {"2\r\nabc\r\n0\r\n\r\n", "2;last;"},
+      {"2\r\nabc\r\n0\r\n\r\n", "2;last;", false},
       // Any empty line ends the body, even where a size is due; a size that
       // reads as zero or less is the last chunk.
-      {"\r\n", ""},
-      {"-5\r\nhello\r\n\r\n", "last;"},
+      {"\r\n", "", false},
+      {"-5\r\nhello\r\n\r\n", "last;", false},
+      {"zz\r\n\r\n", "last;", false},
   };
   for (const auto& c : cases) {
     for (std::size_t piece : {std::size_t{1}, std::size_t{7}, std::size_t{1024}}) {
       for (std::size_t buffered : {std::size_t{0}, std::size_t{4}, c.body.size()}) {
-        const Relayed r = Relay(c.body + "NEXT", buffered, piece);
-        EXPECT_EQ(r.end, State::kDone) << c.body << piece << buffered;
-        EXPECT_EQ(r.forwarded, c.body) << piece << " " << buffered;
-        EXPECT_EQ(r.events, c.events) << c.body;
-        EXPECT_EQ(r.left, "NEXT");
+        for (bool strict : {false, true}) {
+          const Relayed r = Relay(c.body + "NEXT", buffered, piece, strict);
+          if (strict && !c.strictToo) {
+            // Refused before a byte past the doubtful line goes on.
+            EXPECT_EQ(r.end, State::kError) << c.body;
+            EXPECT_EQ(c.body.find(r.forwarded), 0u) << c.body;
+            continue;
+          }
+          EXPECT_EQ(r.end, State::kDone) << c.body << piece << buffered;
+          EXPECT_EQ(r.forwarded, c.body) << piece << " " << buffered;
+          EXPECT_EQ(r.events, c.events) << c.body;
+          EXPECT_EQ(r.left, "NEXT");
+        }
       }
     }
   }

@@ -181,3 +181,101 @@ TEST(HeaderFields, TypeWordAndRefererKeepEarlierValuesUnlessNamed) {
     EXPECT_EQ(Text(f.refererHost), c.referer) << c.lines;
   }
 }
+
+TEST(HeaderScanner, StrictScannerRefusesStrayLineEndsAtOnce) {
+  const struct {
+    std::string bytes;
+    bool isRequest;
+    const char* error;  // null: the header completes
+    const char* startLine;
+  } cases[] = {
+      // Refused as soon as the offending byte is there, without waiting for an end.
+      {"GET / HTTP/1.1\nHost: h\n", true, "LF without CR in the header", nullptr},
+      {"GET / HTTP/1.1\r\nHost: h\rX: y\r\n\r\n", true, "CR without LF in the header", nullptr},
+      {std::string("GET http://a.example\0.b/ HTTP/1.1\r\n", 36), true, "NUL in the header", nullptr},
+      // Empty lines before a request are dropped; body bytes are not looked at.
+      {std::string("\r\n\r\nGET / HTTP/1.1\r\nHost: h\r\n\r\nA\nB\0", 36), true, nullptr,
+       "GET / HTTP/1.1\r\n"},
+      {"HTTP/1.1 204\r\n\r\n", false, nullptr, "HTTP/1.1 204\r\n"},
+      {"HTTP/1.0 599 Odd\r\n\r\n", false, nullptr, "HTTP/1.0 599 Odd\r\n"},
+      {"XYZ\r\n\r\n", false, "malformed status line", nullptr},
+      {"old tailHTTP/1.1 200 OK\r\n\r\n", false, "malformed status line", nullptr},
+      {"HTTP/1.1 99 Low\r\n\r\n", false, "malformed status line", nullptr},
+      {"HTTP/1.1 2000 OK\r\n\r\n", false, "malformed status line", nullptr},
+  };
+  for (const auto& c : cases) {
+    for (std::size_t piece : {std::size_t{1}, std::size_t{1024}}) {
+      CHeaderScanner scanner(c.isRequest, true);
+      CBufStream buffer;
+      const HeaderScanStep step = Feed(scanner, buffer, c.bytes, piece);
+      if (c.error != nullptr) {
+        EXPECT_EQ(step.status, HeaderStatus::kMalformed) << c.bytes << piece;
+        EXPECT_STREQ(scanner.Error(), c.error) << c.bytes;
+      } else {
+        EXPECT_EQ(step.status, HeaderStatus::kComplete) << c.bytes << piece;
+        EXPECT_EQ(Text(scanner.StartLine()), c.startLine);
+        EXPECT_EQ(Text(buffer).substr(0, scanner.HeaderSize()).find(c.startLine), 0u);
+      }
+    }
+  }
+}
+
+TEST(MessageFraming, EveryFieldLineCountsAndDoubtfulFramingIsAnError) {
+  const struct {
+    const char* lines;
+    bool isRequest, http10;
+    const char* error;
+    long long length;  // -1: none
+    bool chunked, untilClose, close, keepAlive;
+  } cases[] = {
+      {"Content-Length: 42\r\nContent-Length:42, 42\r\n", true, false, nullptr, 42, false, false,
+       false, false},
+      {"Content-Length: 0\r\n", false, false, nullptr, 0, false, false, false, false},
+      {"Content-Length: 9999999999\r\n", false, false, nullptr, 9999999999LL, false, false, false,
+       false},
+      // "Accept: a," no longer hides the line after it.
+      {"Accept: a,\r\nContent-Length: 7\r\nContent-Length: 5\r\n", true, false,
+       "conflicting Content-Length values", -1, false, false, false, false},
+      {"Content-Length: -10\r\n", false, false, "invalid Content-Length", -1, false, false, false,
+       false},
+      {"Content-Length: 1 2\r\n", true, false, "invalid Content-Length", -1, false, false, false,
+       false},
+      {"Content-Length: +5\r\n", true, false, "invalid Content-Length", -1, false, false, false,
+       false},
+      {"Content-Length:\r\n", true, false, "invalid Content-Length", -1, false, false, false, false},
+      {"Content-Length: 1234567890123456789\r\n", true, false, "invalid Content-Length", -1, false,
+       false, false, false},
+      {"Transfer-Encoding: gzip, chunked\r\nConnection: Keep-Alive, Upgrade\r\n", true, false,
+       nullptr, -1, true, false, false, true},
+      {"Transfer-Encoding: gzip\r\nTransfer-Encoding: CHUNKED\r\n", false, false, nullptr, -1, true,
+       false, false, false},
+      {"Transfer-Encoding: chunked\r\nContent-Length: 5\r\n", true, false,
+       "Content-Length together with Transfer-Encoding", -1, false, false, false, false},
+      {"Transfer-Encoding: chunked, gzip\r\n", true, false, "Transfer-Encoding without chunked last",
+       -1, false, false, false, false},
+      {"Transfer-Encoding: chunked, gzip\r\n", false, false, nullptr, -1, false, true, false, false},
+      {"Transfer-Encoding: chunked, chunked\r\n", false, false, "chunked coding applied twice", -1,
+       false, false, false, false},
+      {"Transfer-Encoding: chunked\r\n", true, true, "Transfer-Encoding in an HTTP/1.0 message", -1,
+       false, false, false, false},
+      {"Connection: keep-alive\r\nProxy-Connection: close\r\n", true, false, nullptr, -1, false,
+       false, true, true},
+      {"Proxy-Connection: close\r\n", false, false, nullptr, -1, false, false, false, false},
+      {"Host: a\r\nhost: b\r\n", true, false, "more than one Host field", -1, false, false, false,
+       false},
+      {"Content-Length : 42\r\n", true, false, "malformed header field name", -1, false, false,
+       false, false},
+      {"X: a\r\n folded\r\n", true, false, "folded header line", -1, false, false, false, false},
+      {"no colon here\r\n", false, false, "header line without a colon", -1, false, false, false,
+       false},
+  };
+  for (const auto& c : cases) {
+    const MessageFraming f = ReadFraming(c.lines, c.isRequest, c.http10);
+    EXPECT_STREQ(f.error, c.error) << c.lines;
+    EXPECT_EQ(f.hasLength ? f.length : -1, c.length) << c.lines;
+    EXPECT_EQ(f.chunked, c.chunked) << c.lines;
+    EXPECT_EQ(f.untilClose, c.untilClose) << c.lines;
+    EXPECT_EQ(f.close, c.close) << c.lines;
+    EXPECT_EQ(f.keepAlive, c.keepAlive) << c.lines;
+  }
+}
