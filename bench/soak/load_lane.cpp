@@ -305,6 +305,9 @@ void LoadLane::BrowserConnection() {
         break;
       }
     }
+    // Half of the requests say keep-alive the way browsers tell a proxy.
+    if (Pick(0, 1) == 0)
+      request.insert(request.find("\r\n") + 2, "Proxy-Connection: keep-alive\r\n");
     if (!client.Send(request)) {
       Count(kind, Outcome::kFailed, start,
             "the proxy closed the kept connection before the request");

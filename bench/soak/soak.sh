@@ -449,7 +449,7 @@ set datafile separator "\t"
 set multiplot layout 3,1 title "vxproxy soak, rev $rev: $SECONDS_LOAD s of load ($verdict)"
 set grid
 set key off
-set xlabel "minutes since the proxy started sampling"
+set xlabel "minutes (dashed: start and end of the load)"
 set arrow 1 from $L0/60.0, graph 0 to $L0/60.0, graph 1 nohead dashtype 2
 set arrow 2 from $L1/60.0, graph 0 to $L1/60.0, graph 1 nohead dashtype 2
 set ylabel "resident memory (MiB)"
