@@ -574,8 +574,8 @@ void LoadLane::SlowCase() {
 }
 
 // A request whose target is the proxy itself (absolute form by address or
-// by name, or origin form with the proxy in Host): the proxy must answer or
-// close at once, and still take connections afterwards.
+// by name, origin form with the proxy in Host, or a CONNECT): the proxy
+// must answer or close at once, and still take connections afterwards.
 void LoadLane::SelfAimedCase() {
   const LoadSetup& setup = run_.Setup();
   const auto start = Clock::now();
@@ -587,8 +587,9 @@ void LoadLane::SelfAimedCase() {
   const std::string requests[] = {
       "GET http://" + self + "/ HTTP/1.1\r\nHost: " + self + "\r\n\r\n",
       "GET http://" + name + "/soak HTTP/1.1\r\nHost: " + name + "\r\n\r\n",
-      "GET /soak HTTP/1.1\r\nHost: " + self + "\r\n\r\n"};
-  client.Send(requests[Draw({1, 1, 1})]);
+      "GET /soak HTTP/1.1\r\nHost: " + self + "\r\n\r\n",
+      "CONNECT " + self + " HTTP/1.1\r\nHost: " + self + "\r\n\r\n"};
+  client.Send(requests[Draw({1, 1, 1, 1})]);
   const std::string head = client.ReceiveUntil("\r\n\r\n", kSelfAimedMs);
   if (head.empty() && !client.PeerClosed()) {
     Count(kind, Outcome::kFailed, start, "neither an answer nor a close within 10 s");
