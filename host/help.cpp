@@ -14,8 +14,9 @@ struct CommandHelp {
 
 constexpr CommandHelp kCommands[] = {
     {"run",
-     "vxproxy [run] [--data DIR] [--logs DIR] [--filters DIR] [--upstream HOST:PORT]\n"
-     "              [--no-filter] [--trace] [--strict] [--no-tunnel-guard]",
+     "vxproxy [run] [--data DIR] [--logs DIR] [--filters DIR] [--port PORT]\n"
+     "              [--upstream HOST:PORT] [--no-filter] [--trace] [--strict]\n"
+     "              [--no-tunnel-guard]",
      "serve the browsers on this machine at 127.0.0.1:PORT until Ctrl-C",
      "  --data DIR            settings (vexilo.ini, vexilo.xml), your approved list\n"
      "                        (vexilowl.txt) and the statistics (sitecounter.xml);\n"
@@ -25,7 +26,10 @@ constexpr CommandHelp kCommands[] = {
      "                        or the --data folder when only that is given\n"
      "  --filters DIR         the folder of filters.txt; default the data folder, where\n"
      "                        the first run installs the bundled starter list\n"
-     "  --upstream HOST:PORT  relay through another proxy\n"
+     "  --port PORT           listen on PORT (1 to 65535, 0: any free one); it is\n"
+     "                        written to vexilo.ini and kept for the next runs\n"
+     "  --upstream HOST:PORT  relay through another proxy (a host name or IPv4\n"
+     "                        address and its port)\n"
      "  --no-filter           block nothing, relay everything\n"
      "  --trace               copy every header into request.log\n"
      "  --strict              the module's original behaviour: no extensions\n"
@@ -33,7 +37,7 @@ constexpr CommandHelp kCommands[] = {
      "                        is tunnelled like any other\n"
      "Missing folders are created. The port is Port= in the [Vexilo] section of\n"
      "vexilo.ini (default 7070); when another program holds it the system picks a\n"
-     "free one, which is written back there. The program prints\n"
+     "free one, which is written back there, and the program says so. It prints\n"
      "\"vxproxy: listening on 127.0.0.1:PORT\", and on a terminal a status line.\n"},
     {"check",
      "vxproxy check [--filters FILE] [--approved FILE] [--type WORD] [--referer URL]\n"

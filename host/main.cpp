@@ -1,8 +1,8 @@
 // The host program: loads the proxy module the way the desktop application
 // does, and drives it through GetProxy and the service's virtual operations.
 //
-//   vxproxy [run] [--data DIR] [--logs DIR] [--filters DIR] [--upstream HOST:PORT]
-//                 [--no-filter] [--trace] [--strict] [--no-tunnel-guard]
+//   vxproxy [run] [--data DIR] [--logs DIR] [--filters DIR] [--port PORT]
+//                 [--upstream HOST:PORT] [--no-filter] [--trace] [--strict] [--no-tunnel-guard]
 //   vxproxy check|stats|allow|disallow|allowed|pac|install-service ...
 //   vxproxy help [COMMAND]       (the text of every command: help.cpp)
 #include <dlfcn.h>
@@ -167,30 +167,32 @@ int Run(vxhost::RunOptions options, unsigned extensions) {
   if (options.trace) proxy->SetTraceMode(2);
   proxy->SetExtensions(options.strict ? 0 : extensions);
 
-  const unsigned configuredPort = vxhost::PortOfDataFolder(options.data);
+  unsigned short asked = 0;
+  if (!vxhost::PreparePort(options, &asked, std::cerr)) return 1;
+  const std::string ini = vxhost::FileIn(options.data, "vexilo.ini");
   if (!proxy->Start()) {
     std::fprintf(stderr,
-                 "vxproxy: cannot start on port %u (Port= in %s/vexilo.ini) with the filter list "
-                 "%s/filters.txt; proxy.log in %s says why\n",
-                 configuredPort, options.data.c_str(), options.filters.c_str(), options.logs.c_str());
+                 "vxproxy: cannot start on port %u (Port= in %s) with the filter list %s; "
+                 "%s says why\n",
+                 asked, ini.c_str(), vxhost::FileIn(options.filters, "filters.txt").c_str(),
+                 vxhost::FileIn(options.logs, "proxy.log").c_str());
     return 1;
   }
-  // Start writes the port actually in use back to the settings file.
-  char port[16] = {};
-  const std::string ini = options.data + "\\vexilo.ini";
-  os::GetPrivateProfileStringA("Vexilo", "Port", "7070", port, sizeof port, ini.c_str());
-  if (configuredPort != 0 && std::to_string(configuredPort) != port) {
+  // When the port asked for is taken the proxy listens on one the system
+  // gives, and writes that one to vexilo.ini.
+  const unsigned port = proxy->GetPort();
+  if (asked != 0 && port != asked) {
     std::fprintf(stderr,
-                 "vxproxy: port %u is in use by another program, so the proxy took port %s, which "
+                 "vxproxy: port %u is in use by another program, so the proxy took port %u, which "
                  "browsers set to %u do not reach. Stop the other program and start again, or use "
-                 "the new port: %s/vexilo.ini now names it (vxproxy pac follows it).\n",
-                 configuredPort, port, configuredPort, options.data.c_str());
+                 "the new port: %s now names it (vxproxy pac follows it).\n",
+                 asked, port, asked, ini.c_str());
   }
   // Caught before the listening line: whoever waits for it may stop the
   // program at once.
   std::signal(SIGINT, OnStopSignal);
   std::signal(SIGTERM, OnStopSignal);
-  std::printf("vxproxy: listening on 127.0.0.1:%s\n", port);
+  std::printf("vxproxy: listening on 127.0.0.1:%u\n", port);
   std::fflush(stdout);
 
   std::signal(SIGHUP, OnReloadSignal);

@@ -3,6 +3,7 @@
 #include <ostream>
 
 #include "paths.h"
+#include "platform/platform.h"
 
 namespace vxhost {
 namespace {
@@ -11,22 +12,16 @@ void SeeHelp(const std::string& command, std::ostream& err) {
   err << "see: vxproxy help " << command << "\n";
 }
 
-// "HOST:PORT" or "HOST" (port 80).
+// "HOST:PORT": a host name or IPv4 address and a port from 1 to 65535.
 bool ParseUpstream(const std::string& text, std::string* host, unsigned short* port) {
-  const std::size_t colon = text.rfind(':');
+  const std::size_t colon = text.find(':');
+  if (colon == std::string::npos || colon == 0) return false;
   *host = text.substr(0, colon);
-  *port = 80;
-  if (host->empty() || host->find_first_of(" /") != std::string::npos) return false;
-  if (colon == std::string::npos) return true;
-  const std::string digits = text.substr(colon + 1);
-  if (digits.empty() || digits.size() > 5 ||
-      digits.find_first_not_of("0123456789") != std::string::npos) {
-    return false;
+  for (const char c : *host) {
+    const bool letter = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+    if (!letter && !(c >= '0' && c <= '9') && c != '.' && c != '-' && c != '_') return false;
   }
-  const unsigned long value = std::stoul(digits);
-  if (value == 0 || value > 65535) return false;
-  *port = static_cast<unsigned short>(value);
-  return true;
+  return ParsePortNumber(text.substr(colon + 1), port) && *port != 0;
 }
 
 std::string NoDefault(const char* what, const char* variable) {
@@ -35,6 +30,25 @@ std::string NoDefault(const char* what, const char* variable) {
 }
 
 }  // namespace
+
+bool ParsePortNumber(const std::string& text, unsigned short* port) {
+  if (text.empty() || text.size() > 5 ||
+      text.find_first_not_of("0123456789") != std::string::npos) {
+    return false;
+  }
+  const unsigned long value = std::stoul(text);
+  if (value > 65535) return false;
+  *port = static_cast<unsigned short>(value);
+  return true;
+}
+
+bool ReadPortSetting(const std::string& dataFolder, unsigned short* port, std::string* text) {
+  const std::string ini = dataFolder + "\\vexilo.ini";
+  char value[64] = {};
+  os::GetPrivateProfileStringA("Vexilo", "Port", "7070", value, sizeof value, ini.c_str());
+  *text = value;
+  return ParsePortNumber(*text, port);
+}
 
 bool ParseRunOptions(const std::vector<std::string>& args, const std::string& command,
                      RunOptions* options, std::ostream& err) {
@@ -71,6 +85,16 @@ bool ParseRunOptions(const std::vector<std::string>& args, const std::string& co
             << " is not HOST:PORT (a host name or address, a port from 1 to 65535)\n";
         return false;
       }
+      options->typed.insert(options->typed.end(), {arg, text});
+    } else if (arg == "--port") {
+      std::string text;
+      if (!value("a port", &text)) return false;
+      if (!ParsePortNumber(text, &options->port)) {
+        err << prefix << "--port " << text
+            << " is not a port (a number from 1 to 65535, or 0 to let the system pick one)\n";
+        return false;
+      }
+      options->portGiven = true;
       options->typed.insert(options->typed.end(), {arg, text});
     } else if (arg == "--no-tunnel-guard") {
       options->tunnelGuard = false;
@@ -131,7 +155,26 @@ bool PrepareRunFolders(const RunOptions& options, std::ostream& err) {
     }
   }
 
-  const std::string list = options.filters + "/filters.txt";
+  // Files the proxy writes: one it cannot write would leave a log closed or
+  // lose settings or counts without a word.
+  const struct {
+    const std::string& folder;
+    const char* name;
+  } written[] = {{options.data, "vexilo.ini"},  {options.data, "vexilo.xml"},
+                 {options.data, "sitecounter.xml"}, {options.logs, "proxy.log"},
+                 {options.logs, "request.log"}, {options.logs, "blocked.log"},
+                 {options.logs, "siteinfo.log"}};
+  for (const auto& w : written) {
+    bool present = false;
+    std::string problem;
+    const std::string path = FileIn(w.folder, w.name);
+    if (!ProbeFile(path, &present, &problem, true)) {
+      err << "vxproxy: the proxy writes " << path << ", but " << problem << "; fix or remove it\n";
+      return false;
+    }
+  }
+
+  const std::string list = FileIn(options.filters, "filters.txt");
   bool present = false;
   std::string problem;
   if (!ProbeFile(list, &present, &problem)) {
@@ -159,10 +202,32 @@ bool PrepareRunFolders(const RunOptions& options, std::ostream& err) {
         << "; vxproxy lists update installs full lists\n";
   }
 
-  const std::string approved = options.data + "/vexilowl.txt";
+  const std::string approved = FileIn(options.data, "vexilowl.txt");
   if (!ProbeFile(approved, &present, &problem)) {
     err << "vxproxy: cannot read your approved list " << approved << ": " << problem
         << "; fix or remove it\n";
+    return false;
+  }
+  return true;
+}
+
+bool PreparePort(const RunOptions& options, unsigned short* port, std::ostream& err) {
+  const std::string ini = FileIn(options.data, "vexilo.ini");
+  if (options.portGiven) {
+    *port = options.port;
+    if (!os::WritePrivateProfileStringA("Vexilo", "Port", std::to_string(*port).c_str(),
+                                        (options.data + "\\vexilo.ini").c_str())) {
+      err << "vxproxy: cannot write --port " << *port << " to " << ini
+          << ", where the proxy reads its port; check the file's permissions\n";
+      return false;
+    }
+    return true;
+  }
+  std::string text;
+  if (!ReadPortSetting(options.data, port, &text)) {
+    err << "vxproxy: Port=" << text << " in " << ini
+        << " is not a port; set a number from 1 to 65535 there (0 lets the system pick one), "
+           "or pass --port PORT\n";
     return false;
   }
   return true;

@@ -4,13 +4,8 @@
 #pragma once
 
 #include <iosfwd>
-#include <string>
 
 namespace vxhost {
-
-// The port the proxy uses with this data folder: Port= in the [Vexilo]
-// section of its vexilo.ini, 7070 without one; 0 when the value is no port.
-unsigned PortOfDataFolder(const std::string& dataFolder);
 
 // argv[0] is the word "pac". Returns the exit code: 0, 1 when the template is
 // missing or the port unusable, 2 for bad usage.

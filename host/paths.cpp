@@ -142,7 +142,7 @@ bool ReadWholeFile(const std::string& path, bool required, std::string* text,
   return true;
 }
 
-bool ProbeFile(const std::string& path, bool* present, std::string* problem) {
+bool ProbeFile(const std::string& path, bool* present, std::string* problem, bool forWriting) {
   std::error_code error;
   const fs::file_status status = fs::status(path, error);
   *present = fs::exists(status);
@@ -151,11 +151,17 @@ bool ProbeFile(const std::string& path, bool* present, std::string* problem) {
     *problem = "it is not a regular file";
     return false;
   }
-  if (!std::ifstream(path, std::ios::binary)) {
-    *problem = "it cannot be read (check its permissions)";
+  if (forWriting ? !std::ofstream(path, std::ios::binary | std::ios::app)
+                 : !std::ifstream(path, std::ios::binary)) {
+    *problem = forWriting ? "it cannot be written (check its permissions)"
+                          : "it cannot be read (check its permissions)";
     return false;
   }
   return true;
+}
+
+std::string FileIn(const std::string& folder, const std::string& name) {
+  return (fs::path(folder) / name).string();
 }
 
 bool WriteFileAtomically(const std::string& path, const std::string& text, std::string* problem) {

@@ -42,9 +42,13 @@ bool PrepareFolder(const std::string& folder, std::string* problem);
 bool ReadWholeFile(const std::string& path, bool required, std::string* text, std::string* problem);
 
 // Whether the file is there (present) and, when it is, whether it can be
-// opened for reading. False with a reason when it is there but cannot be
-// read.
-bool ProbeFile(const std::string& path, bool* present, std::string* problem);
+// opened for reading (for appending with forWriting). False with a reason
+// when it is there but cannot be.
+bool ProbeFile(const std::string& path, bool* present, std::string* problem,
+               bool forWriting = false);
+
+// The file NAME in the folder, as a path to show: one "/" between them.
+std::string FileIn(const std::string& folder, const std::string& name);
 
 // Replaces the file's contents in one step: the text goes to a temporary file
 // beside it, which is then renamed over it, so a reader sees the old or the

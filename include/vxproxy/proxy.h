@@ -88,6 +88,10 @@ class CVxHTTPProxy : public CThreadEx {
   virtual unsigned SetExtensions(unsigned mask) = 0;               // 49: the previous mask
   virtual unsigned GetExtensions() = 0;                            // 50
 
+  // The port the service listens on: the configured one, or the one the
+  // system gave when that was taken. 0 before the first Start.
+  virtual unsigned short GetPort() = 0;                            // 51
+
  protected:
   CVxHTTPProxy() = default;
 };

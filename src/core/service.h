@@ -80,6 +80,7 @@ class CVxHTTPProxyImpl final : public CVxHTTPProxy, public CRequestServices {
   int ResetCounters() override;
   unsigned SetExtensions(unsigned mask) override;
   unsigned GetExtensions() override;
+  unsigned short GetPort() override { return port_; }
 
   // What the workers use.
   const CFilterEngineImpl& Filter() override { return filterEngine_; }
@@ -93,7 +94,6 @@ class CVxHTTPProxyImpl final : public CVxHTTPProxy, public CRequestServices {
   void CountBlockedSite(const char* site) override;
   bool HasExtension(unsigned bit) override { return (extensions_.load(std::memory_order_relaxed) & bit) != 0; }
 
-  unsigned short GetPort() const { return port_; }
   // The port is read from vexilo.ini only while it is unknown; forgetting it
   // makes the next Start read the file again.
   void ResetPort() { port_ = 0; }

@@ -59,10 +59,12 @@ TEST(ServiceSlots, VirtualOrderMatchesTheHostTable) {
       VtableIndex(&P::GetFilteredRequests), VtableIndex(&P::GetBlockedImages),
       VtableIndex(&P::GetBlockedFlash), VtableIndex(&P::CountBlockedImage),
       VtableIndex(&P::CountBlockedFlash), VtableIndex(&P::ResetCounters),
-      VtableIndex(&P::SetExtensions), VtableIndex(&P::GetExtensions),
+      VtableIndex(&P::SetExtensions), VtableIndex(&P::GetExtensions), VtableIndex(&P::GetPort),
   };
-  static_assert(std::size(slots) == 50);
-  for (int slot = 1; slot <= 50; ++slot) EXPECT_EQ(slots[slot - 1], VtableIndexOfSlot(slot)) << slot;
+  static_assert(std::size(slots) == 51);
+  for (int slot = 1; slot <= 51; ++slot) {
+    EXPECT_EQ(slots[slot - 1], VtableIndexOfSlot(slot)) << slot;
+  }
 }
 
 TEST(ServiceSlots, SiteCounterSlotsFollowTheStore) {

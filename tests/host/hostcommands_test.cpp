@@ -101,16 +101,20 @@ TEST_F(HostCommands, FirstRunWithoutOptionsUsesTheXdgFolders) {
   }
   EXPECT_EQ(gets, std::vector<std::string>{"/page.html"});
 
-  // The port is now taken: a second proxy with its own folder falls back.
-  WriteTextFile(dir_ / "second/vexilo.ini", "[Vexilo]\nPort=" + std::to_string(port) + "\n");
+  // The port is now taken: a second proxy told to use it falls back, says
+  // so and names the port it took in the listening line and the settings.
   vxtest::ChildProcess second;
   std::string secondLines;
   unsigned short secondPort = 0;
-  ASSERT_TRUE(StartProxy(&second, "--data '" + (dir_ / "second") + "'", &secondLines, &secondPort))
+  ASSERT_TRUE(StartProxy(&second,
+                         "--data '" + (dir_ / "second") + "' --port " + std::to_string(port),
+                         &secondLines, &secondPort))
       << secondLines;
   EXPECT_NE(secondPort, port);
   EXPECT_NE(secondLines.find("port " + std::to_string(port) + " is in use"), std::string::npos)
       << secondLines;
+  EXPECT_NE(ReadTextFile(dir_ / "second/vexilo.ini").find("Port=" + std::to_string(secondPort)),
+            std::string::npos);
   second.Interrupt();
   EXPECT_EQ(second.Wait(kWaitMs), 0);
 
@@ -255,6 +259,8 @@ TEST_F(HostCommands, HelpAndErrorsNameWhatIsWrong) {
 
   WriteTextFile(dir_ / "a-file", "");
   std::filesystem::create_directories(dir_ / "no-list");
+  WriteTextFile(dir_ / "bad-port/vexilo.ini", "[Vexilo]\nPort=70000\n");
+  std::filesystem::create_directories(dir_ / "logs/proxy.log");
   const struct {
     std::string args;
     int code;
@@ -265,6 +271,11 @@ TEST_F(HostCommands, HelpAndErrorsNameWhatIsWrong) {
       {"run --bogus", 2, "unknown option --bogus"},
       {"--data", 2, "--data needs a folder"},
       {"run --upstream proxy.example:99999", 2, "--upstream proxy.example:99999"},
+      {"run --upstream proxy.example", 2, "--upstream proxy.example is not HOST:PORT"},
+      {"run --port 8080x", 2, "--port 8080x is not a port"},
+      {"run --data '" + (dir_ / "bad-port") + "'", 1,
+       "Port=70000 in " + (dir_ / "bad-port/vexilo.ini") + " is not a port"},
+      {"run --logs '" + (dir_ / "logs") + "'", 1, "writes " + (dir_ / "logs/proxy.log")},
       {"allow", 2, "name a site"},
       {"pac --port 1", 2, "unknown option --port"},
       {"run --data '" + (dir_ / "a-file") + "'", 1, dir_ / "a-file"},
