@@ -55,9 +55,10 @@ void ThreadedServer::AcceptLoop() {
 
 void ThreadedServer::RunConnection(SOCKET s) {
   Serve(s);
-  os::closesocket(s);
+  // Closed under the lock, so that Stop never shuts down a handle already closed.
   std::lock_guard<std::mutex> lock(mutex_);
   open_.erase(s);
+  os::closesocket(s);
   ended_.notify_all();
 }
 
