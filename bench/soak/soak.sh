@@ -12,6 +12,8 @@
 #   --binary PATH    the vxproxy host program (libvxproxy.so beside it); by
 #                    default build/release/vxproxy, built (with the driver)
 #                    by scripts/build.sh release
+#   --driver PATH    the load driver (default build/release/bench/soak/
+#                    soak_driver, built with the proxy)
 #   --self-aimed     add a request aimed at the proxy's own port every ~10 s
 #   --no-self-aimed  leave those out (the default)
 #   --seed N         seed of the load's random choices (default 1)
@@ -73,6 +75,7 @@ unset http_proxy https_proxy HTTP_PROXY HTTPS_PROXY all_proxy ALL_PROXY no_proxy
 
 SECONDS_LOAD=600
 BIN=""
+DRIVER=""
 OUT=""
 SELF_AIMED=0
 SEED=1
@@ -96,6 +99,7 @@ while [ $# -gt 0 ]; do
                num "$2" 10 14400 || usage_error "--seconds must be 10..14400"; SECONDS_LOAD=$2; shift ;;
     --out) [ $# -ge 2 ] || usage_error "--out needs a folder"; OUT=$2; shift ;;
     --binary) [ $# -ge 2 ] || usage_error "--binary needs a path"; BIN=$2; shift ;;
+    --driver) [ $# -ge 2 ] || usage_error "--driver needs a path"; DRIVER=$2; shift ;;
     --self-aimed) SELF_AIMED=1 ;;
     --no-self-aimed) SELF_AIMED=0 ;;
     --seed) [ $# -ge 2 ] || usage_error "--seed needs a number"
@@ -179,14 +183,14 @@ trap 'exit 129' HUP
 install_missing
 
 # ------------------------------------------------------------------ build
-DRIVER="$REPO/build/release/bench/soak/soak_driver"
-if [ -z "$BIN" ]; then
-  note "building the release flavour (scripts/build.sh release)"
-  "$REPO/scripts/build.sh" release --target vxproxy vxproxy_module soak_driver > /dev/null
-  BIN="$REPO/build/release/vxproxy"
-else
-  [ -x "$DRIVER" ] || "$REPO/scripts/build.sh" release --target soak_driver > /dev/null
+targets=()
+[ -z "$BIN" ] && targets+=(vxproxy vxproxy_module)
+[ -z "$DRIVER" ] && targets+=(soak_driver)
+if [ ${#targets[@]} -gt 0 ]; then
+  note "building the release flavour (scripts/build.sh release --target ${targets[*]})"
+  "$REPO/scripts/build.sh" release --target "${targets[@]}" > /dev/null
 fi
+: "${BIN:=$REPO/build/release/vxproxy}" "${DRIVER:=$REPO/build/release/bench/soak/soak_driver}"
 [ -x "$BIN" ] || die "no vxproxy at $BIN"
 BIN=$(readlink -f "$BIN")
 [ -e "$(dirname "$BIN")/libvxproxy.so" ] || die "no libvxproxy.so beside $BIN"
