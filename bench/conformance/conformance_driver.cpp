@@ -272,8 +272,9 @@ bool Check(const std::string& predicate, const Outcome& o, const Places& places)
   if (name == "statuses") return Statuses(o, true) == value;
   if (name == "bodies") {
     std::string list;
+    int n = 0;
     for (const auto& r : o.responses) {
-      if (r.status >= 200) list += (list.empty() ? "" : ",") + r.body;
+      if (r.status >= 200) list += (n++ == 0 ? "" : ",") + r.body;
     }
     return list == value;
   }
