@@ -1,11 +1,11 @@
 // Reading and parsing request and response headers, and the request-time
 // verdict with its log lines.
 #include <chrono>
-#include <regex>
 #include <string>
 #include <thread>
 
 #include "http_fixture.h"
+#include "support/textmatch.h"
 #include "../support/vtable.h"
 
 using vxtest::SendAllBytes;
@@ -125,11 +125,13 @@ namespace {
 
 // The text after the time stamp of the one line in blocked.log.
 std::string BlockedEntry(const std::string& log) {
-  static const std::regex line(
-      R"((0[1-9]|1[0-2])/(0[1-9]|[12]\d|3[01])/\d{4}_(0[1-9]|1[0-2]):[0-5]\d:[0-5]\d_[AP]M   )"
-      R"(([^\n]*)\r\n)");
-  std::smatch match;
-  return std::regex_match(log, match, line) ? match[4].str() : "no stamped line: " + log;
+  std::vector<std::string> match;
+  return vxtest::RegexMatch(log,
+                            R"((0[1-9]|1[0-2])/(0[1-9]|[12]\d|3[01])/\d{4}_(0[1-9]|1[0-2]):[0-5]\d:[0-5]\d_[AP]M   )"
+                            R"(([^\n]*)\r\n)",
+                            &match)
+             ? match[4]
+             : "no stamped line: " + log;
 }
 
 }  // namespace

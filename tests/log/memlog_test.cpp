@@ -1,11 +1,11 @@
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <regex>
 #include <string>
 #include <vector>
 
 #include "log/logimpl.h"
+#include "support/textmatch.h"
 #include "support/tempdir.h"
 #include "vxproxy/log.h"
 
@@ -13,7 +13,7 @@ namespace {
 
 // True when the whole text matches the regular expression.
 bool Matches(const std::string& text, const char* pattern) {
-  return std::regex_match(text, std::regex(pattern));
+  return vxtest::RegexMatch(text, pattern);
 }
 
 // A sink set up like one of the service's three logs.
