@@ -1,5 +1,4 @@
-// The request line split into scheme, host, port, path and type word, and
-// the connection to the server the session chose.
+// The request line split into scheme, host, port, path and type word.
 #include "http/requesttarget.h"
 
 #include <algorithm>
@@ -7,13 +6,9 @@
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
-#include <vector>
+#include <string>
 
-#include "http/httprequest.h"
 #include "http/urlparser.h"
-#include "log/levels.h"
-#include "platform/platform.h"
-#include "http/services.h"
 
 namespace {
 
@@ -25,16 +20,6 @@ constexpr int kMaxSchemeLength = 4;
 
 unsigned short PortNumber(const char* text) {
   return static_cast<unsigned short>(std::atoi(text));
-}
-
-// Cuts ":port" off host at its first colon and returns the port; 80 when
-// there is no colon.
-unsigned short BreakOffPort(CStringBuffer& host) {
-  const char* colon = host.FindChar(':');
-  if (colon == nullptr) return kHttpPort;
-  const unsigned short port = PortNumber(colon + 1);
-  host.BreakAt(host.OffsetOf(colon));
-  return port;
 }
 
 bool IsDigit(char c) { return c >= '0' && c <= '9'; }
@@ -126,6 +111,14 @@ const char* ParseStrict(std::string_view startLine, const char* hostField,
 }
 
 }  // namespace
+
+unsigned short BreakOffPort(CStringBuffer& host) {
+  const char* colon = host.FindChar(':');
+  if (colon == nullptr) return kHttpPort;
+  const unsigned short port = PortNumber(colon + 1);
+  host.BreakAt(host.OffsetOf(colon));
+  return port;
+}
 
 const char* ParseAuthority(std::string_view authority, unsigned short defaultPort,
                            CStringBuffer& host, unsigned short& port) {
@@ -235,65 +228,3 @@ void FillPathAndTypeWord(RequestTargetParts& parts) {
 }
 
 }  // namespace
-
-void CHTTPRequest::ParseRequestTarget(const CStringBuffer& startLine) {
-  const auto hostField = headerMap_.find("host");
-  const char* hostEntry = hostField != headerMap_.end() ? hostField->second.c_str() : nullptr;
-  const RequestTargetParts parts = ::ParseRequestTarget(
-      std::string_view(startLine.GetBuffer(), static_cast<std::size_t>(startLine.GetSize())),
-      hostEntry);
-
-  if (proxyDestination_.GetSize() > 0 && parts.form != RequestTargetForm::kUrlInside) {
-    CStringBuffer note(parts.form == RequestTargetForm::kAbsolute ? "Needs to set host as "
-                                                                  : "1. Needs to set host as ");
-    note << proxyDestination_ << endl;
-    os::OutputDebugStringA(note);
-  }
-  method_ = parts.method;
-  version_ = parts.version;
-  scheme_ = parts.scheme;
-  host_ = parts.host;
-  urlPort_ = parts.port;
-  path_ = parts.path;
-  requestTarget_ = parts.requestTarget;
-  typeWord_ = parts.typeWord;
-  if (parts.typeWordFromPath) services_->NormalizeTypeWord(typeWord_);
-}
-
-unsigned short CHTTPRequest::SplitHostPort(const char* hostPort, CStringBuffer& host) {
-  host = hostPort;
-  return BreakOffPort(host);
-}
-
-bool CHTTPRequest::ConnectUpstream() {
-  if (keptHost_ == connectHost_.GetBuffer() && keptPort_ == connectPort_ && IsUpstreamAlive()) {
-    eventLog_ << CLogManip(kLevelVerbose) << connectionTag_ << "Trying to connect to the same host "
-              << connectHost_ << ":" << connectPort_ << lend;
-    return true;
-  }
-  eventLog_ << CLogManip(kLevelVerbose) << connectionTag_ << "connecting to the host "
-            << connectHost_ << ":" << connectPort_ << lend;
-  CloseUpstream();
-  upstreamSocket_ = os::CreateTcpSocket();
-
-  std::vector<std::uint32_t> addresses;
-  if (!os::gethostbyname(connectHost_.GetBuffer(), &addresses) || addresses.empty()) {
-    eventLog_ << CLogManip(kLevelVerbose) << connectionTag_ << "Failed to resolve the host to IP "
-              << connectHost_ << ":" << connectPort_ << lend;
-    // Nothing will use the fresh socket; do not keep it until the next connect.
-    CloseUpstream();
-    return false;
-  }
-  if (os::connect(upstreamSocket_, addresses.front(), connectPort_) == 0) {
-    keptHost_ = connectHost_;
-    keptPort_ = connectPort_;
-    eventLog_ << CLogManip(kLevelVerbose) << connectionTag_ << "Connected to " << connectHost_
-              << ":" << connectPort_ << lend;
-    return true;
-  }
-  const int error = os::WSAGetLastError();
-  eventLog_ << CLogManip(kLevelVerbose) << connectionTag_ << "Connect failed " << connectHost_
-            << ":" << connectPort_ << "   " << error << lend;
-  CloseUpstream();
-  return false;
-}

@@ -49,3 +49,7 @@ RequestTargetParts ParseRequestTarget(std::string_view startLine, const char* ho
 // empty host, or a port that is not 1 to 65535 in decimal.
 const char* ParseAuthority(std::string_view authority, unsigned short defaultPort,
                            CStringBuffer& host, unsigned short& port);
+
+// Cuts ":port" off host at its first colon and returns the port, reduced to
+// 16 bits; 80 when there is no colon.
+unsigned short BreakOffPort(CStringBuffer& host);
