@@ -138,6 +138,17 @@ void CollectAll(pugi::xml_node base, const char* path, std::vector<pugi::xml_nod
   std::erase_if(found, [](pugi::xml_node n) { return n.type() == pugi::node_document; });
 }
 
+// An empty value leaves the element without text: an empty text node would
+// be stored as "<a></a>" and read back as "<a />", another document.
+bool SetText(pugi::xml_node element, const char* text) {
+  if (!element) return false;
+  if (text == nullptr || *text == '\0') {
+    if (const pugi::xml_node node = element.text().data()) element.remove_child(node);
+    return true;
+  }
+  return element.text().set(text);
+}
+
 void SetOut(CBufStream& out, const char* text) {
   out.Empty();
   out.AddString(text);
@@ -414,13 +425,11 @@ bool CVxXML::SetValue(const char* path, int value) {
 }
 
 bool CVxXML::SetValue(const char* path, const char* text, bool create) {
-  const pugi::xml_node n = Walk(Root(document_), path, create, false, nullptr);
-  return n && n.text().set(text ? text : "");
+  return SetText(Walk(Root(document_), path, create, false, nullptr), text);
 }
 
 bool CVxXML::SetValue(CVxXMLElement& from, const char* path, const char* text, bool create) {
-  const pugi::xml_node n = Walk(VxXMLAccess::Node(document_, from), path, create, false, nullptr);
-  return n && n.text().set(text ? text : "");
+  return SetText(Walk(VxXMLAccess::Node(document_, from), path, create, false, nullptr), text);
 }
 
 bool CVxXML::SetValue(const char* path, CVxXMLElement& from, const char* text, bool create) {

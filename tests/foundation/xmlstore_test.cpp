@@ -288,7 +288,7 @@ TEST_F(XmlStoreFiles, StoredDocumentParsesBackTheSame) {
   CSecureXMLParser doc;
   ASSERT_TRUE(doc.Parse("<Vexilo/>"));
   const char* tricky[] = {"a & b < c > d", "  padded  ", "   ", "quote \" and '",
-                          "line1\nline2", "cr\r\nlf\r", "tab\there", "caf\xC3\xA9", "]]> end"};
+                          "line1\nline2", "cr\r\nlf\r", "tab\there", "caf\xC3\xA9", "]]> end", ""};
   for (std::size_t i = 0; i < std::size(tricky); ++i) {
     ASSERT_TRUE(doc.SetValue(("Values/V" + std::to_string(i)).c_str(), tricky[i], true));
   }
