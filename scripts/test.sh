@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # Builds everything and runs the whole suite twice (a normal build and an
 # AddressSanitizer + UndefinedBehaviorSanitizer build), then the threaded
-# suites under ThreadSanitizer. Installs missing packages first. Before any
-# build, every public header must compile on its own here and for Windows, and
-# the layers of src/ must include each other without a cycle.
+# suites under ThreadSanitizer. Installs missing packages first. Before the
+# suites, every public header must compile on its own here and for Windows, the
+# layers of src/ must include each other without a cycle, and each fuzz target
+# must run its short round without a finding.
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
 "$root/scripts/deps.sh" chromium g++-mingw-w64-x86-64-posix
@@ -13,6 +14,8 @@ echo "== public headers"
 "$root/scripts/headers.sh"
 echo "== layers"
 "$root/scripts/layers.sh" --check
+echo "== fuzz"
+"$root/scripts/fuzz.sh"
 
 # run_suite FLAVOUR [BUILD TARGETS...] [-- CTEST ARGS...]
 run_suite() {
