@@ -132,6 +132,8 @@ const struct {
 
 HeaderScanStep CHeaderScanner::Scan(CBufStream& buffer) {
   HeaderScanStep step;
+  int faultAt = -1;
+  const char* fault = nullptr;
   if (strict_) {
     if (isRequest_ && !startLineTaken_) {
       // A stray CRLF after the previous request's body is no request.
@@ -141,20 +143,25 @@ HeaderScanStep CHeaderScanner::Scan(CBufStream& buffer) {
       buffer.Consume(skip);
       checkedTo_ = std::max(0, checkedTo_ - skip);
     }
-    if (!CheckBytes(buffer)) {
-      step.status = HeaderStatus::kMalformed;
-      return step;
-    }
+    faultAt = CheckBytes(buffer, &fault);
   }
   if (!startLineTaken_) {
+    // Only a first line that ends before a fault is judged, so the earliest
+    // fault is the one named, however the bytes were cut by the receives.
     const char* data = buffer.GetBuffer();
-    if (const char* lineEnd = FindBytes(data, buffer.GetSize(), "\r\n", false)) {
+    const int searched = faultAt >= 0 ? faultAt : buffer.GetSize();
+    if (const char* lineEnd = FindBytes(data, searched, "\r\n", false)) {
       TakeStartLine(buffer, static_cast<int>(lineEnd - data) + 2, step);
       if (error_ != nullptr) {
         step.status = HeaderStatus::kMalformed;
         return step;
       }
     }
+  }
+  if (faultAt >= 0) {
+    error_ = fault;
+    step.status = HeaderStatus::kMalformed;
+    return step;
   }
 
   const char* data = buffer.GetBuffer();
@@ -174,37 +181,37 @@ HeaderScanStep CHeaderScanner::Scan(CBufStream& buffer) {
   return step;
 }
 
-bool CHeaderScanner::CheckBytes(const CBufStream& buffer) {
+int CHeaderScanner::CheckBytes(const CBufStream& buffer, const char** fault) {
   const char* data = buffer.GetBuffer();
   const int size = buffer.GetSize();
   for (int i = checkedTo_; i < size; ++i) {
     if (data[i] == '\0') {
-      error_ = "NUL in the header";
-      return false;
+      *fault = "NUL in the header";
+      return i;
     }
     if (data[i] == '\r') {
       if (i + 1 == size) {  // its LF may come with the next receive
         checkedTo_ = i;
-        return true;
+        return -1;
       }
       if (data[i + 1] != '\n') {
-        error_ = "CR without LF in the header";
-        return false;
+        *fault = "CR without LF in the header";
+        return i;
       }
     } else if (data[i] == '\n') {
       if (i == 0 || data[i - 1] != '\r') {
-        error_ = "LF without CR in the header";
-        return false;
+        *fault = "LF without CR in the header";
+        return i;
       }
       // The blank line ends the header; the bytes after it are a body's.
       if (i >= 3 && data[i - 2] == '\n') {
         checkedTo_ = i + 1;
-        return true;
+        return -1;
       }
     }
   }
   checkedTo_ = size;
-  return true;
+  return -1;
 }
 
 namespace {

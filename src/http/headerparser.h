@@ -61,7 +61,9 @@ class CHeaderScanner {
  private:
   void TakeStartLine(CBufStream& buffer, int lineSize, HeaderScanStep& step);
   // Strict: looks at the bytes not yet checked, up to the header's end.
-  bool CheckBytes(const CBufStream& buffer);
+  // Returns the offset of the first byte no header may hold (and says what
+  // is wrong in fault), or -1.
+  int CheckBytes(const CBufStream& buffer, const char** fault);
 
   bool isRequest_;
   bool strict_;

@@ -202,6 +202,8 @@ TEST(HeaderScanner, StrictScannerRefusesStrayLineEndsAtOnce) {
       {"old tailHTTP/1.1 200 OK\r\n\r\n", false, "malformed status line", nullptr},
       {"HTTP/1.1 99 Low\r\n\r\n", false, "malformed status line", nullptr},
       {"HTTP/1.1 2000 OK\r\n\r\n", false, "malformed status line", nullptr},
+      // The earliest fault is named, however the bytes arrive.
+      {"XYZ\r\nServer: s\n\r\n", false, "malformed status line", nullptr},
   };
   for (const auto& c : cases) {
     for (std::size_t piece : {std::size_t{1}, std::size_t{1024}}) {
