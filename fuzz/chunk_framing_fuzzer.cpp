@@ -1,6 +1,7 @@
 // A chunked body as the relay reads it: the framing driven over a receive
 // buffer that is filled in pieces, with chunk data streamed past it, against
-// the relay written out plainly over the whole stream.
+// the relay written out plainly over the whole stream. The strict framing
+// must read whatever it accepts as the lax one does, however it is cut.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -64,7 +65,7 @@ Relayed PlainRelay(std::string_view body) {
 
 // The session's relay loop with a source that hands out piece bytes per
 // receive and closes at the end of the body.
-Relayed FramedRelay(std::string_view body, std::size_t piece) {
+Relayed FramedRelay(std::string_view body, std::size_t piece, bool strict) {
   Relayed out;
   std::string buffer;
   std::size_t received = 0;
@@ -75,7 +76,7 @@ Relayed FramedRelay(std::string_view body, std::size_t piece) {
     received += n;
     return true;
   };
-  CChunkFraming framing;
+  CChunkFraming framing(strict);
   for (int guard = 0;; ++guard) {
     FUZZ_CHECK(guard < 1000000, "the framing does not advance");
     const CChunkFraming::Step step = framing.Next(buffer.data(), static_cast<int>(buffer.size()));
@@ -110,6 +111,7 @@ Relayed FramedRelay(std::string_view body, std::size_t piece) {
         }
         break;
       case CChunkFraming::State::kSizeLine:
+      case CChunkFraming::State::kDataEnd:
       case CChunkFraming::State::kTrailer:
         if (step.needMore && !receiveMore()) return out;
         break;
@@ -117,19 +119,34 @@ Relayed FramedRelay(std::string_view body, std::size_t piece) {
   }
 }
 
+bool operator==(const Relayed& a, const Relayed& b) {
+  return a.complete == b.complete && a.forwarded == b.forwarded && a.chunks == b.chunks &&
+         a.lastChunks == b.lastChunks && a.outsideModel == b.outsideModel;
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string_view body = vxfuzz::AsText(data, size);
   const Relayed plain = PlainRelay(body);
+  const Relayed strict = FramedRelay(body, size + 1, true);
   for (const std::size_t piece : {std::size_t{1}, std::size_t{7}, std::size_t{1024}, size + 1}) {
-    const Relayed framed = FramedRelay(body, piece);
-    if (plain.outsideModel || framed.outsideModel) continue;
-    FUZZ_CHECK(framed.complete == plain.complete && framed.forwarded == plain.forwarded &&
-                   framed.chunks == plain.chunks && framed.lastChunks == plain.lastChunks,
-               "pieces of %zu: framed %d/%zu/%d/%d, plain %d/%zu/%d/%d", piece, framed.complete,
-               framed.forwarded, framed.chunks, framed.lastChunks, plain.complete, plain.forwarded,
-               plain.chunks, plain.lastChunks);
+    const Relayed framed = FramedRelay(body, piece, false);
+    if (!plain.outsideModel && !framed.outsideModel) {
+      FUZZ_CHECK(framed.complete == plain.complete && framed.forwarded == plain.forwarded &&
+                     framed.chunks == plain.chunks && framed.lastChunks == plain.lastChunks,
+                 "pieces of %zu: framed %d/%zu/%d/%d, plain %d/%zu/%d/%d", piece, framed.complete,
+                 framed.forwarded, framed.chunks, framed.lastChunks, plain.complete,
+                 plain.forwarded, plain.chunks, plain.lastChunks);
+    }
+    if (body.size() <= static_cast<std::size_t>(kMaxChunkLineBytes)) {
+      FUZZ_CHECK(FramedRelay(body, piece, true) == strict, "strict, pieces of %zu", piece);
+    }
+  }
+  if (strict.complete) {
+    FUZZ_CHECK(plain.complete && plain.forwarded == strict.forwarded &&
+                   plain.chunks == strict.chunks && plain.lastChunks == strict.lastChunks,
+               "a body the strict framing accepts is read otherwise by the lax one");
   }
   return 0;
 }

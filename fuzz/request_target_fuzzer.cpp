@@ -43,20 +43,23 @@ void CheckSplitters(const std::string& url) {
 
 }  // namespace
 
-// The first line is the start line, the second the Host field's value; the
-// whole input is also read as one URL.
+// The first line is the start line, the second the Host field's value (no
+// second line: no Host field); the whole input is also read as one URL.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string_view text = vxfuzz::AsText(data, size);
   const std::size_t lineEnd = text.find('\n');
   const std::string_view startLine = text.substr(0, lineEnd);
+  const bool hasHost = lineEnd != std::string_view::npos;
   std::string hostField;
-  if (lineEnd != std::string_view::npos) {
+  if (hasHost) {
     hostField = std::string(text.substr(lineEnd + 1, text.find('\n', lineEnd + 1) - lineEnd - 1));
   }
   // A header value is a C string: it ends at its first zero byte.
   hostField.resize(std::string_view(hostField.c_str()).size());
+  const char* host = hasHost ? hostField.c_str() : nullptr;
 
-  RequestTargetParts parts = ParseRequestTarget(startLine, hostField.c_str());
+  RequestTargetParts parts = ParseRequestTarget(startLine, host);
+  FUZZ_CHECK(parts.error == nullptr);
   FUZZ_CHECK(parts.path.FindChar('?') == nullptr);
   FUZZ_CHECK(parts.host.FindChar(':') == nullptr);
   // Only a name that ends in "." has an empty extension (the texts are C
@@ -71,9 +74,25 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   if (!parts.typeWordFromPath) FUZZ_CHECK(parts.typeWord == "unknown");
 
-  CStringBuffer host(hostField.c_str());
-  const unsigned short port = BreakOffPort(host);
-  FUZZ_CHECK(host.FindChar(':') == nullptr);
+  // The standard's reading accepts less and says why; what it accepts has a
+  // host, a port and a target to ask for.
+  RequestTargetParts strict = ParseRequestTarget(startLine, host, true);
+  if (strict.error == nullptr) {
+    FUZZ_CHECK(strict.host.GetSize() > 0 && strict.port != 0);
+    FUZZ_CHECK(strict.method == "CONNECT" || strict.requestTarget.GetBuffer()[0] == '/');
+    FUZZ_CHECK(startLine.find('\0') == std::string_view::npos);
+  }
+
+  CStringBuffer authorityHost;
+  unsigned short authorityPort = 0;
+  if (ParseAuthority(hostField, 80, authorityHost, authorityPort) == nullptr) {
+    FUZZ_CHECK(authorityHost.GetSize() > 0 && authorityPort != 0);
+    FUZZ_CHECK(hostField.find('@') == std::string::npos);
+  }
+
+  CStringBuffer split(hostField.c_str());
+  const unsigned short port = BreakOffPort(split);
+  FUZZ_CHECK(split.FindChar(':') == nullptr);
   if (hostField.find(':') == std::string::npos) FUZZ_CHECK(port == 80);
 
   CheckSplitters(std::string(text));
