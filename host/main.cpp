@@ -178,6 +178,14 @@ int Run(vxhost::RunOptions options, unsigned extensions) {
                  vxhost::FileIn(options.logs, "proxy.log").c_str());
     return 1;
   }
+  // The module drops an upstream proxy that is itself (every request would
+  // come back to it without end) and says so in proxy.log only.
+  if (!options.upstreamHost.empty() && proxy->GetUpstreamProxy(nullptr)->GetSize() == 0) {
+    std::fprintf(stderr,
+                 "vxproxy: --upstream %s:%u is this proxy itself, so it is not used: requests go "
+                 "direct\n",
+                 options.upstreamHost.c_str(), static_cast<unsigned>(options.upstreamPort));
+  }
   // When the port asked for is taken the proxy listens on one the system
   // gives, and writes that one to vexilo.ini.
   const unsigned port = proxy->GetPort();

@@ -119,6 +119,7 @@ bool CProxyClient::HandleHttp() {
     CloseUpstream();  // a connection kept from an earlier request is of no use now
     return true;
   }
+  if (RefuseSelfLoop()) return false;
 
   CStringBuffer header;
   if (proxyDestination_.GetSize() > 0) {
@@ -310,6 +311,7 @@ bool CProxyClient::HandleConnect() {
     connectHost_ = host_;
     connectPort_ = urlPort_;
   }
+  if (RefuseSelfLoop()) return false;
   if (!ConnectUpstream()) return false;
   if (!useUpstreamProxy_) {
     static const char kEstablished[] = "HTTP/1.0 200 Vexilo Established Connection\r\n\r\n";
@@ -324,6 +326,24 @@ bool CProxyClient::HandleConnect() {
   }
   Tunnel(clientSocket_, upstreamSocket_);
   return false;
+}
+
+bool CProxyClient::RefuseSelfLoop() {
+  if (!services_->IsThisProxy(connectHost_.GetBuffer(), connectPort_)) return false;
+  services_->NoteLimit(SafetyLimit::kSelfLoop, connectionTag_.GetBuffer(),
+                       "Refused a request for this proxy itself (", connectHost_.GetBuffer(), ":",
+                       connectPort_, "): it would come back here without end");
+  // 508 rather than 403: nothing about the address is forbidden, the request
+  // names the proxy as its own server. A browser shows it as an error page,
+  // curl as a failed request or tunnel; no-store keeps every cache from
+  // holding on to it.
+  static const char kBody[] = "This request names the proxy itself as its server; it was not sent on.\n";
+  CStringBuffer reply;
+  reply << "HTTP/1.1 508 Loop Detected\r\nContent-Type: text/plain\r\nContent-Length: "
+        << static_cast<int>(sizeof kBody - 1)
+        << "\r\nCache-Control: no-store\r\nConnection: close\r\n\r\n" << kBody;
+  SendAll(clientSocket_, reply, reply.GetSize());
+  return true;
 }
 
 bool CProxyClient::RefuseAdTunnel() {

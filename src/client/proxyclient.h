@@ -28,6 +28,9 @@ class CProxyClient : public CThreadEx, public CHTTPRequest {
   // With the tunnel guard on: answers a CONNECT to an ad host with a 403 and
   // true (the session then closes); false when the tunnel may open.
   bool RefuseAdTunnel();
+  // Answers a request or tunnel whose connect target is this proxy itself
+  // with a 508 and returns true (the session then closes); false otherwise.
+  bool RefuseSelfLoop();
   bool HandleUnknown();
   bool RelayRequest(const CStringBuffer& header);
   bool RelayChunked(SOCKET source, SOCKET destination, CBufStream* copy);

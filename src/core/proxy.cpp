@@ -249,6 +249,9 @@ bool CVxHTTPProxyImpl::Start() {
   if (headerManager_ != nullptr) headerManager_->Start();
   settings_.Store(settings_.GetFileName());
   LogLine(kLevelInfo, "Proxy started on port ", port_);
+  listeningPort_ = port_;
+  for (CLimitNote& note : limitNotes_) note.Reset();
+  RefuseSelfUpstream();
   return CThreadEx::Start();
 }
 
@@ -292,6 +295,7 @@ DWORD CVxHTTPProxyImpl::Run() {
 bool CVxHTTPProxyImpl::Stop() {
   LogTime(kLevelInfo, "Proxy stop called @");
   CProxyManager* clients = CProxyManager::Instance();
+  listeningPort_ = 0;
   SOCKET s = listenSocket_.exchange(INVALID_SOCKET);
   if (s != INVALID_SOCKET) os::closesocket(s);
   clients->StopAll();
@@ -330,6 +334,26 @@ bool CVxHTTPProxyImpl::EnableFiltering(bool enable) {
 void CVxHTTPProxyImpl::SetUpstreamProxy(const CStringBuffer& host, const unsigned short* port) {
   upstreamHost_ = host;
   upstreamPort_ = port != nullptr ? *port : 0;
+  if (listeningPort_ != 0) RefuseSelfUpstream();
+}
+
+void CVxHTTPProxyImpl::RefuseSelfUpstream() {
+  if (upstreamHost_.GetSize() == 0 || !IsThisProxy(upstreamHost_, upstreamPort_)) return;
+  // Every request would come back here and be sent on again, without end.
+  LogLine(kLevelError, "Upstream proxy ", upstreamHost_.GetBuffer(), ":", upstreamPort_,
+          " is this proxy itself: not used, requests go direct");
+  upstreamHost_.Initialize();
+  upstreamPort_ = 0;
+}
+
+bool CVxHTTPProxyImpl::IsThisProxy(const char* host, unsigned short port) {
+  const unsigned short own = listeningPort_;
+  if (own == 0 || port != own || host == nullptr) return false;
+  if (EqualsNoCase(host, "localhost")) return true;
+  // The address a connect would take: the first the name resolves to.
+  std::vector<std::uint32_t> addresses;
+  return os::gethostbyname(host, &addresses) && !addresses.empty() &&
+         os::IsOwnAddress(addresses.front());
 }
 
 CStringBuffer* CVxHTTPProxyImpl::GetUpstreamProxy(unsigned short* port) {
@@ -448,6 +472,10 @@ CMemLogEx& CVxHTTPProxyImpl::BeginLogLine(int level) {
 }
 
 void CVxHTTPProxyImpl::EndLogLine() { memLogLock_.UnLock(); }
+
+CLimitNote& CVxHTTPProxyImpl::LimitNote(SafetyLimit limit) {
+  return limitNotes_[static_cast<int>(limit)];
+}
 
 // ----------------------------------------------------------- notifications --
 

@@ -93,6 +93,7 @@ class CVxHTTPProxyImpl final : public CVxHTTPProxy, public CRequestServices {
   void Notify(unsigned short event) override;
   void CountBlockedSite(const char* site) override;
   bool HasExtension(unsigned bit) override { return (extensions_.load(std::memory_order_relaxed) & bit) != 0; }
+  bool IsThisProxy(const char* host, unsigned short port) override;
 
   // The port is read from vexilo.ini only while it is unknown; forgetting it
   // makes the next Start read the file again.
@@ -103,12 +104,17 @@ class CVxHTTPProxyImpl final : public CVxHTTPProxy, public CRequestServices {
  protected:
   CMemLogEx& BeginLogLine(int level) override;
   void EndLogLine() override;
+  CLimitNote& LimitNote(SafetyLimit limit) override;
 
  private:
   void OpenLogs();
   void LogTime(int level, const char* text);
+  // Drops an upstream proxy that is this proxy itself, with an error line.
+  void RefuseSelfUpstream();
 
   std::atomic<SOCKET> listenSocket_;  // read by the accept loop on every pass
+  std::atomic<unsigned short> listeningPort_{0};  // 0 while stopped; read by the workers
+  CLimitNote limitNotes_[static_cast<int>(SafetyLimit::kCount)];
   std::map<std::string, std::string> mimeTable_;
   std::map<std::string, std::string> typeWordTable_;
   CLogImpl ownLog_;

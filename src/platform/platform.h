@@ -73,6 +73,11 @@ std::uint32_t inet_addr(const char* text);
 std::string inet_ntoa(std::uint32_t address);
 // This machine's host name. 0 on success.
 int gethostname(char* buffer, int size);
+// The IPv4 addresses of this machine's network interfaces, host order.
+std::vector<std::uint32_t> InterfaceAddresses();
+// Whether a connection to the address (host order) ends on this machine: a
+// loopback address (127.0.0.0/8), the any-address, or an interface's address.
+bool IsOwnAddress(std::uint32_t address);
 
 // ----------------------------------------------------- machine and process --
 

@@ -8,6 +8,7 @@
 // is closed by whoever leaves it last.
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <ifaddrs.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -15,6 +16,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <climits>
@@ -422,6 +424,24 @@ int gethostname(char* buffer, int size) {
   // A name that filled the buffer may come back without its terminator.
   if (std::memchr(buffer, '\0', static_cast<size_t>(size)) == nullptr) return Fail(EFAULT);
   return 0;
+}
+
+std::vector<std::uint32_t> InterfaceAddresses() {
+  std::vector<std::uint32_t> addresses;
+  ifaddrs* list = nullptr;
+  if (::getifaddrs(&list) != 0) return addresses;
+  for (const ifaddrs* entry = list; entry != nullptr; entry = entry->ifa_next) {
+    if (entry->ifa_addr == nullptr || entry->ifa_addr->sa_family != AF_INET) continue;
+    addresses.push_back(ntohl(reinterpret_cast<const sockaddr_in*>(entry->ifa_addr)->sin_addr.s_addr));
+  }
+  ::freeifaddrs(list);
+  return addresses;
+}
+
+bool IsOwnAddress(std::uint32_t address) {
+  if ((address >> 24) == 127 || address == INADDR_ANY) return true;
+  const std::vector<std::uint32_t> own = InterfaceAddresses();
+  return std::find(own.begin(), own.end(), address) != own.end();
 }
 
 }  // namespace os
