@@ -14,8 +14,8 @@
 #                    by scripts/build.sh release
 #   --driver PATH    the load driver (default build/release/bench/soak/
 #                    soak_driver, built with the proxy)
-#   --self-aimed     add a request aimed at the proxy's own port every ~10 s
-#   --no-self-aimed  leave those out (the default)
+#   --no-self-aimed  leave out the request aimed at the proxy's own port
+#                    that the load sends every ~10 s
 #   --seed N         seed of the load's random choices (default 1)
 #   --no-install     never call apt-get; fail when a tool is missing
 #   --keep           keep the work folder (configurations, the proxy's logs)
@@ -37,9 +37,9 @@
 #      through the proxy: keep-alive connections (nginx files, counted and
 #      chunked bodies, uploads, blocked addresses), CONNECT tunnels, clients
 #      that go away mid-request and mid-response, slow origins, a slowloris
-#      share (headers a few bytes at a time), idle tunnels and, with
-#      --self-aimed, now and then a request aimed at the proxy's own port
-#      (which must be refused at once); every reply a well-behaved
+#      share (headers a few bytes at a time), idle tunnels and now and then
+#      a request aimed at the proxy's own port (which must be refused at
+#      once); every reply a well-behaved
 #      server gave is checked (status, length, checksum);
 #   5. samples the proxy's resident memory (VmRSS), open descriptors and
 #      threads every second from /proc, from before the load until 30 s
@@ -77,7 +77,7 @@ SECONDS_LOAD=600
 BIN=""
 DRIVER=""
 OUT=""
-SELF_AIMED=0
+SELF_AIMED=1
 SEED=1
 INSTALL=1
 KEEP=0
@@ -100,7 +100,6 @@ while [ $# -gt 0 ]; do
     --out) [ $# -ge 2 ] || usage_error "--out needs a folder"; OUT=$2; shift ;;
     --binary) [ $# -ge 2 ] || usage_error "--binary needs a path"; BIN=$2; shift ;;
     --driver) [ $# -ge 2 ] || usage_error "--driver needs a path"; DRIVER=$2; shift ;;
-    --self-aimed) SELF_AIMED=1 ;;
     --no-self-aimed) SELF_AIMED=0 ;;
     --seed) [ $# -ge 2 ] || usage_error "--seed needs a number"
             num "$2" 0 1000000000 || usage_error "--seed must be 0..1000000000"; SEED=$2; shift ;;
