@@ -1,6 +1,7 @@
 // The log file sink.
 #include <cctype>
 #include <cstdarg>
+#include <cstddef>
 #include <cstring>
 
 #include "log/logimpl.h"
@@ -24,6 +25,41 @@ void AppendConversion(CStringBuffer& out, const char* conversion, ...) {
   const int n = std::vsnprintf(buffer, sizeof buffer, conversion, args);
   va_end(args);
   if (n > 0) out.AddString(buffer, n < kConversionBufferSize ? n : kConversionBufferSize - 1);
+}
+
+// A field 1000 wide or wider shows nothing but its padding in the 100 bytes
+// a conversion keeps (no value is longer than about 320 characters), however
+// much wider it is, yet the C library pads it out in full, for seconds. A
+// width beyond the int range makes it fail at once, which shows nothing.
+constexpr char kMaxFieldWidth[] = "1000";
+constexpr char kMaxIntWidth[] = "2147483647";
+
+// Compares two runs of digits without leading zeros by value.
+int CompareNumbers(const char* a, std::size_t aLength, const char* b) {
+  const std::size_t bLength = std::strlen(b);
+  if (aLength != bLength) return aLength < bLength ? -1 : 1;
+  return std::strncmp(a, b, aLength);
+}
+
+// conversion: "%", blanks and digits, the letter. Flags ("0", " ") come
+// first, then the width; a width from kMaxFieldWidth to the largest int
+// becomes kMaxFieldWidth, which shows the same.
+void ClampWidth(char* conversion) {
+  char* width = conversion + 1;
+  while (*width == ' ' || *width == '0') ++width;
+  char* end = width;
+  while (*end >= '0' && *end <= '9') ++end;
+  // Anything but the letter after the width makes the C library copy the
+  // text as it is, width included.
+  if (*end == '\0' || end[1] != '\0') return;
+  const auto digits = static_cast<std::size_t>(end - width);
+  if (CompareNumbers(width, digits, kMaxFieldWidth) <= 0 ||
+      CompareNumbers(width, digits, kMaxIntWidth) > 0) {
+    return;
+  }
+  const std::size_t length = std::strlen(kMaxFieldWidth);
+  std::memcpy(width, kMaxFieldWidth, length);
+  std::memmove(width + length, end, std::strlen(end) + 1);
 }
 
 // Printf's format language: backslash escapes written in the format text
@@ -67,6 +103,7 @@ void FormatLogText(const char* format, va_list args, CStringBuffer& out) {
     std::memcpy(conversion, p, flags);
     conversion[flags] = std::strchr("EFGX", *q) != nullptr ? *q : letter;
     conversion[flags + 1] = '\0';
+    ClampWidth(conversion);
     switch (letter) {
       case 's': {
         const char* text = va_arg(args, const char*);

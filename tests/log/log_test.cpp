@@ -41,6 +41,9 @@ TEST_F(LogFile, PrintfFormatRules) {
       {[](CLog& l) { l.Printf(0, "%%d|", 5); }, "5|"},
       {[](CLog& l) { l.Printf(0, "ab%ncd%d", &sentinel, 6); }, "abcd6"},
       {[](CLog& l) { l.Printf(0, "%150d", 1); }, std::string(99, ' ')},  // cut to the buffer
+      // However wide, only padding shows; too wide for an int, nothing.
+      {[](CLog& l) { l.Printf(0, "%099999999d|%2147483648d|%99999999 5d", -5, 6, 7); },
+       "-" + std::string(98, '0') + "||%99999999 5d"},
   };
   CLogImpl log(Path().c_str(), 2);
   for (const auto& c : cases) {
