@@ -200,9 +200,10 @@ class ReferenceFilter {
                    line.find("/easylist_specific_block.txt") != std::string::npos) {
           inAdServerSection = false;
         } else if (line.find("version=") != std::string::npos) {
+          // The version is kept in a field of 260 characters, its NUL included.
           version.clear();
           for (char c : line.substr(line.find('=') + 1)) {
-            if (!std::isspace(static_cast<unsigned char>(c))) version += c;
+            if (!std::isspace(static_cast<unsigned char>(c)) && version.size() < 259) version += c;
           }
         }
       } else if (line.starts_with("||")) {

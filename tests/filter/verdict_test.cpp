@@ -255,6 +255,9 @@ TEST_F(Verdicts, SectionsAndVersion) {
           {"inside.example", "/a.gif", "gif", VerdictNoMatch}});
   ASSERT_TRUE(LoadFilters("! Version: 202608130520\n", "third.txt"));
   EXPECT_EQ(engine_->GetVersion(), "0.0");
+  // The version field holds 259 characters.
+  ASSERT_TRUE(LoadFilters("! version=" + std::string(300, '7') + "\n", "fourth.txt"));
+  EXPECT_EQ(engine_->GetVersion(), std::string(259, '7'));
 }
 
 TEST_F(Verdicts, CrLfLinesGiveTheSameRulesAsLf) {
