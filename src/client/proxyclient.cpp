@@ -6,6 +6,7 @@
 #include "filter/engine.h"
 #include "http/chunkparser.h"
 #include "http/internal.h"
+#include "http/requesttarget.h"
 #include "http/urlparser.h"
 #include "log/levels.h"
 #include "probe/headermanager.h"
@@ -70,9 +71,15 @@ void CProxyClient::RunSession() {
     bytesFromUpstream_ = 0;
     deferredCheck_ = false;
     verdict_ = VerdictNoMatch;
+    standardHttp_ = services_->HasExtension(kExtensionStandardHttp);
+    requestClose_ = false;
     eventLog_ << CLogManip(kLevelDebug) << connectionTag_.GetBuffer()
               << "Reading HTTP Header from Client side.." << lend;
-    if (ReadHeader(clientSocket_, true) != kReadHeaderOk) break;
+    if (ReadHeader(clientSocket_, true) != kReadHeaderOk) {
+      // A request that cannot be read as one is answered, not just dropped.
+      if (standardHttp_ && messageError_ != nullptr) AnswerError(400, messageError_);
+      break;
+    }
     ++served;
 
     Handler handler = &CProxyClient::HandleUnknown;
@@ -83,10 +90,11 @@ void CProxyClient::RunSession() {
         break;
       }
     }
+    if (standardHttp_ && messageError_ != nullptr) handler = &CProxyClient::RefuseRequest;
     const bool goOn = (this->*handler)();
     statistics->AddBytes(static_cast<unsigned long>(bytesFromClient_),
                          static_cast<unsigned long>(bytesFromUpstream_));
-    if (!goOn || closeFlag_) break;
+    if (!goOn || closeFlag_ || requestClose_) break;
   }
   statistics->AddRequests(served);
   CloseConnections();
@@ -101,7 +109,14 @@ int CProxyClient::GetSchemeId() {
 bool CProxyClient::HandleHttp() {
   if (!useUpstreamProxy_) {
     if (proxyDestination_.GetSize() > 0) {
-      connectPort_ = SplitHostPort(proxyDestination_, connectHost_);
+      if (!standardHttp_) {
+        connectPort_ = SplitHostPort(proxyDestination_, connectHost_);
+      } else if (const char* error = ParseAuthority(proxyDestination_.GetBuffer(), kHttpPort,
+                                                    connectHost_, connectPort_)) {
+        CStringBuffer what("Proxy-Destination: ");
+        what << error;
+        return AnswerError(400, what);
+      }
     } else {
       connectHost_ = host_;
       connectPort_ = urlPort_;
@@ -112,7 +127,7 @@ bool CProxyClient::HandleHttp() {
     QueueProbe();
     eventLog_ << CLogManip(kLevelVerbose) << connectionTag_.GetBuffer() << "Blocked: <->"
               << host_.GetBuffer() << path_.GetBuffer() << lend;
-    if (DiscardBody(clientSocket_) == kIoError) return false;
+    if (standardHttp_ ? !DrainRequestBody() : DiscardBody(clientSocket_) == kIoError) return false;
     CStringBuffer reply;
     if (!CHTTPInternal::BuildReplacementResponse(nullptr, typeWord_, reply)) return false;
     if (SendAll(clientSocket_, reply, reply.GetSize()) == kIoError) return false;
@@ -139,8 +154,9 @@ bool CProxyClient::HandleHttp() {
       header << line.GetBuffer();
     }
     header << "\r\n";
+    if (standardHttp_) NameTargetInHost(header);
   }
-  return RelayRequest(header);
+  return standardHttp_ ? RelayRequestStandard(header) : RelayRequest(header);
 }
 
 void CProxyClient::QueueProbe() {
@@ -225,6 +241,8 @@ bool CProxyClient::RelayResponse() {
     }
   }
 
+  if (standardHttp_) return RelayResponseStandard();
+
   verdict_ = VerdictNoMatch;
   // The status line and the fields leave in one send, together with the body
   // bytes that came with them when a counted or unframed body follows.
@@ -263,12 +281,15 @@ bool CProxyClient::RelayResponse() {
 }
 
 bool CProxyClient::RelayChunked(SOCKET source, SOCKET destination, CBufStream* copy) {
-  CChunkFraming framing;
+  CChunkFraming framing(standardHttp_);
   for (;;) {
     const CChunkFraming::Step step =
         framing.Next(receiveBuffer_.GetBuffer(), receiveBuffer_.GetSize());
     if (step.forward > 0) {
-      if (SendAll(destination, receiveBuffer_.GetBuffer(), step.forward) == kIoError) return false;
+      if (destination != INVALID_SOCKET &&
+          SendAll(destination, receiveBuffer_.GetBuffer(), step.forward) == kIoError) {
+        return false;
+      }
       if (copy != nullptr) copy->AddString(receiveBuffer_.GetBuffer(), step.forward);
       receiveBuffer_.Consume(step.forward);
     }
@@ -283,6 +304,7 @@ bool CProxyClient::RelayChunked(SOCKET source, SOCKET destination, CBufStream* c
       case CChunkFraming::State::kDone:
         return true;
       case CChunkFraming::State::kError:
+        messageError_ = "malformed chunked body";
         return false;
       case CChunkFraming::State::kData:
         // The rest of the chunk streams past the buffer, never held whole.
@@ -312,7 +334,12 @@ bool CProxyClient::HandleConnect() {
     connectPort_ = urlPort_;
   }
   if (RefuseSelfLoop()) return false;
-  if (!ConnectUpstream()) return false;
+  if (!ConnectUpstream()) {
+    if (!standardHttp_) return false;
+    CStringBuffer what(connectError_ != nullptr ? connectError_ : "cannot connect to");
+    what << " " << connectHost_.GetBuffer() << ":" << connectPort_;
+    return AnswerError(502, what);
+  }
   if (!useUpstreamProxy_) {
     static const char kEstablished[] = "HTTP/1.0 200 Vexilo Established Connection\r\n\r\n";
     if (SendAll(clientSocket_, kEstablished, sizeof kEstablished - 1) == kIoError) return false;
@@ -370,5 +397,8 @@ bool CProxyClient::RefuseAdTunnel() {
 bool CProxyClient::HandleUnknown() {
   traceLog_ << CLogManip(kLevelDebug) << "[ERR]  " << startLine_.GetBuffer()
             << headerLines_.GetBuffer() << lend;
-  return false;
+  if (!standardHttp_) return false;
+  CStringBuffer what("no relay for ");
+  what << scheme_.GetBuffer() << " URLs";
+  return AnswerError(400, what);
 }

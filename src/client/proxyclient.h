@@ -42,6 +42,18 @@ class CProxyClient : public CThreadEx, public CHTTPRequest {
  private:
   bool RelayResponse();
 
+  // Standard HTTP (kExtensionStandardHttp): standardhttp.cpp.
+  bool RelayRequestStandard(const CStringBuffer& header);
+  bool RelayResponseStandard();
+  bool ForwardInterim();
+  bool RefuseRequest();
+  bool DrainRequestBody();
+  void NameTargetInHost(CStringBuffer& header);
+  // Answers the browser with status and what failed, and ends the session
+  // (false).
+  bool AnswerError(int status, const CStringBuffer& what);
+  void LingerForClose();
+
   using Handler = bool (CProxyClient::*)();
   struct HandlerRow {
     int schemeId;

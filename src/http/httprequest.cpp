@@ -9,6 +9,7 @@
 #include "http/urlparser.h"
 #include "log/levels.h"
 #include "platform/platform.h"
+#include "vxproxy/extensions.h"
 
 namespace {
 
@@ -40,7 +41,13 @@ CHTTPRequest::CHTTPRequest(SOCKET client)
       proxy_(GetProxy()),
       services_(RequestServices()),
       deferredCheck_(false),
-      verdict_(VerdictNoMatch) {
+      verdict_(VerdictNoMatch),
+      standardHttp_(services_->HasExtension(kExtensionStandardHttp)),
+      messageError_(nullptr),
+      requestClose_(false),
+      upstreamReused_(false),
+      connectError_(nullptr),
+      lastSendFailure_(INVALID_SOCKET) {
   std::uint32_t address = 0;
   std::uint16_t port = 0;
   os::getpeername(client, &address, &port);

@@ -83,8 +83,13 @@ class CHTTPRequest {
   int RelayBytes(SOCKET source, SOCKET destination, int count, CBufStream* copy);
   int RelayStep(SOCKET source, SOCKET destination, int want, CBufStream* copy);
   int RelayWatched(SOCKET source, SOCKET destination, int limit, CBufStream* copy);
+  // Standard HTTP's body without a length: relays until the source closes,
+  // which ends the body (the total), whatever the destination does meanwhile.
+  int RelayUntilClose(SOCKET source, SOCKET destination, CBufStream* copy);
   // A head, when given, goes to the destination first, in the same send as
   // the body bytes already received.
+  // With standard HTTP a counted body takes only its own bytes from the
+  // receive buffer; the rest stays there (the next message's start).
   int ForwardBody(SOCKET source, SOCKET destination, int length, CBufStream* copy,
                   const CBufStream* head = nullptr);
   int DiscardBody(SOCKET source);
@@ -159,6 +164,19 @@ class CHTTPRequest {
   CRequestServices* services_;   // what the workers need beyond them
   bool deferredCheck_;
   int verdict_;
+
+  // Standard HTTP (kExtensionStandardHttp), taken for each request and kept
+  // for its response, and what only it uses.
+  bool standardHttp_;
+  // Why the last header or body read cannot be relayed, in words for the
+  // answer: 400 to the browser for a request, 502 for a response.
+  const char* messageError_;
+  MessageFraming framing_;     // of the last header
+  bool requestClose_;          // the browser asked to close after this request
+  CBufStream clientPending_;   // browser bytes past the request while the response is read
+  bool upstreamReused_;        // the last ConnectUpstream kept the open connection
+  const char* connectError_;   // what the last failed ConnectUpstream could not do
+  SOCKET lastSendFailure_;     // where the last failed SendAll went
 
   HttpWaits waits_;
 };

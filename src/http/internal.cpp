@@ -131,3 +131,16 @@ bool CHTTPInternal::BuildReplacementResponse(CHTTPRequest* request, const char* 
   out.AddString(body.GetBuffer(), body.GetSize());
   return true;
 }
+
+void CHTTPInternal::BuildErrorResponse(int status, const char* what, CStringBuffer& out) {
+  const char* reason = status == 400   ? "Bad Request"
+                       : status == 504 ? "Gateway Timeout"
+                                       : "Bad Gateway";
+  CStringBuffer body(reason);
+  body << ": " << what << "\n";
+  out = "HTTP/1.1 ";
+  // The text names hosts the request chose; no browser may take it for a page.
+  out << status << " " << reason << "\r\nContent-Type: text/plain\r\n"
+      << "X-Content-Type-Options: nosniff\r\nCache-Control: no-store\r\nServer: Vexilo\r\n"
+      << "Connection: close\r\nContent-Length: " << body.GetSize() << "\r\n\r\n" << body;
+}

@@ -21,4 +21,8 @@ class CHTTPInternal {
   static bool BuildNotFoundResponse(CHTTPRequest* request, CStringBuffer& out, bool trace);
   static bool BuildReplacementResponse(CHTTPRequest* request, const char* typeWord,
                                        CStringBuffer& out);
+  // The proxy's own answer when it cannot serve a request (400, 502 or 504):
+  // the reason and what failed as one line of plain text, never cached, and
+  // the connection closes after it.
+  static void BuildErrorResponse(int status, const char* what, CStringBuffer& out);
 };

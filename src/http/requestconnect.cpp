@@ -14,7 +14,8 @@ void CHTTPRequest::ParseRequestTarget(const CStringBuffer& startLine) {
   const char* hostEntry = hostField != headerMap_.end() ? hostField->second.c_str() : nullptr;
   const RequestTargetParts parts = ::ParseRequestTarget(
       std::string_view(startLine.GetBuffer(), static_cast<std::size_t>(startLine.GetSize())),
-      hostEntry);
+      hostEntry, standardHttp_);
+  if (parts.error != nullptr && messageError_ == nullptr) messageError_ = parts.error;
 
   if (proxyDestination_.GetSize() > 0 && parts.form != RequestTargetForm::kUrlInside) {
     CStringBuffer note(parts.form == RequestTargetForm::kAbsolute ? "Needs to set host as "
@@ -39,7 +40,10 @@ unsigned short CHTTPRequest::SplitHostPort(const char* hostPort, CStringBuffer& 
 }
 
 bool CHTTPRequest::ConnectUpstream() {
+  upstreamReused_ = false;
+  connectError_ = nullptr;
   if (keptHost_ == connectHost_.GetBuffer() && keptPort_ == connectPort_ && IsUpstreamAlive()) {
+    upstreamReused_ = true;
     eventLog_ << CLogManip(kLevelVerbose) << connectionTag_ << "Trying to connect to the same host "
               << connectHost_ << ":" << connectPort_ << lend;
     return true;
@@ -55,6 +59,7 @@ bool CHTTPRequest::ConnectUpstream() {
               << connectHost_ << ":" << connectPort_ << lend;
     // Nothing will use the fresh socket; do not keep it until the next connect.
     CloseUpstream();
+    connectError_ = "cannot resolve";
     return false;
   }
   if (os::connect(upstreamSocket_, addresses.front(), connectPort_) == 0) {
@@ -68,5 +73,6 @@ bool CHTTPRequest::ConnectUpstream() {
   eventLog_ << CLogManip(kLevelVerbose) << connectionTag_ << "Connect failed " << connectHost_
             << ":" << connectPort_ << "   " << error << lend;
   CloseUpstream();
+  connectError_ = "cannot connect to";
   return false;
 }

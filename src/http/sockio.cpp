@@ -15,6 +15,7 @@ int CHTTPRequest::SendAll(SOCKET socket, const char* data, int length) {
   while (total < length) {
     const int sent = os::send(socket, data + total, length - total);
     if (sent == SOCKET_ERROR) {
+      lastSendFailure_ = socket;
       eventLog_ << CLogManip(kLevelVerbose) << connectionTag_ << "Send failed "
                 << os::WSAGetLastError() << lend;
       return kIoError;
@@ -133,33 +134,57 @@ int CHTTPRequest::RelayWatched(SOCKET source, SOCKET destination, int limit, CBu
   return total;
 }
 
+int CHTTPRequest::RelayUntilClose(SOCKET source, SOCKET destination, CBufStream* copy) {
+  char buffer[kRelayRecvBytes];
+  int total = 0;
+  for (;;) {
+    if (!IsReady(WaitForSocket(source, waits_.relaySec))) return kIoError;
+    const int n = CountReceived(source, os::recv(source, buffer, sizeof buffer, 0));
+    if (n == 0) return total;
+    if (n < 0) {
+      eventLog_ << CLogManip(kLevelVerbose) << connectionTag_ << "Recv failed "
+                << os::WSAGetLastError() << lend;
+      return kIoError;
+    }
+    if (copy != nullptr) copy->AddString(buffer, n);
+    if (destination != INVALID_SOCKET && SendAll(destination, buffer, n) == kIoError) return kIoError;
+    total += n;
+  }
+}
+
 int CHTTPRequest::ForwardBody(SOCKET source, SOCKET destination, int length, CBufStream* copy,
                               const CBufStream* head) {
+  // What of the receive buffer belongs to this body: all of it, unless
+  // standard HTTP leaves what lies past a counted body's end.
+  int pre = receiveBuffer_.GetSize();
+  if (standardHttp_ && length != kUnknownBodyLength) pre = std::clamp(length, 0, pre);
   const bool withHead = head != nullptr && head->GetSize() > 0 && destination != INVALID_SOCKET;
-  if (withHead && receiveBuffer_.GetSize() > 0) {
+  if (withHead && pre > 0) {
     // One send for both: the peer wakes once, and a failure is the head's.
     CBufStream joined(*head);
-    joined.AddString(receiveBuffer_.GetBuffer(), receiveBuffer_.GetSize());
+    joined.AddString(receiveBuffer_.GetBuffer(), pre);
     if (SendAll(destination, joined.GetBuffer(), joined.GetSize()) == kIoError) return kIoError;
   } else if (withHead && SendAll(destination, head->GetBuffer(), head->GetSize()) == kIoError) {
     return kIoError;
   }
-  int pre = 0;
-  if (receiveBuffer_.GetSize() > 0) {
+  if (pre > 0) {
     if (!withHead && destination != INVALID_SOCKET &&
-        SendAll(destination, receiveBuffer_.GetBuffer(), receiveBuffer_.GetSize()) ==
-            kIoError) {
+        SendAll(destination, receiveBuffer_.GetBuffer(), pre) == kIoError) {
       eventLog_ << CLogManip(kLevelVerbose) << connectionTag_ << "Failed to push Data to the socket "
                 << os::WSAGetLastError() << lend;
       return kIoError;
     }
-    pre = receiveBuffer_.GetSize();
     if (copy != nullptr) copy->AddString(receiveBuffer_.GetBuffer(), pre);
-    receiveBuffer_.Empty();
+    receiveBuffer_.Consume(pre);
   }
-  const int result = length == kUnknownBodyLength
-                         ? RelayWatched(source, destination, kUnknownBodyLength - pre, copy)
-                         : RelayBytes(source, destination, length - pre, copy);
+  int result;
+  if (length != kUnknownBodyLength) {
+    result = RelayBytes(source, destination, length - pre, copy);
+  } else if (standardHttp_) {
+    result = RelayUntilClose(source, destination, copy);
+  } else {
+    result = RelayWatched(source, destination, kUnknownBodyLength - pre, copy);
+  }
   return result == kIoError ? kIoError : result + pre;
 }
 
@@ -196,7 +221,9 @@ bool CHTTPRequest::IsUpstreamAlive() {
     if (!IsReady(ready)) return ready == kIoTimeout;
   }
   // Readable: either the server closed (recv sees 0) or sent something we
-  // leave queued for the next read.
+  // leave queued for the next read. With standard HTTP a server that talks
+  // before it is asked sent bytes of no message: the connection is not reused.
+  if (standardHttp_) return false;
   char byte = 0;
   return os::recv(upstream, &byte, 1, os::MSG_PEEK_FLAG) > 0;
 }

@@ -38,6 +38,9 @@ int closesocket(SOCKET s);
 // owner, who still closes it: calls blocked on it in other threads return,
 // and a connect that has not started yet fails. 0 on success.
 int shutdown(SOCKET s);
+// Ends the sending direction only (the peer reads the end after what was
+// sent), while receiving goes on. 0 on success.
+int ShutdownSend(SOCKET s);
 
 // Binds to INADDR_ANY and the port (host order). 0 on success.
 int BindAny(SOCKET s, std::uint16_t port);

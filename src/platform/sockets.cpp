@@ -185,6 +185,13 @@ int shutdown(SOCKET s) {
   return 0;
 }
 
+int ShutdownSend(SOCKET s) {
+  SocketCall call(s);
+  if (call.fd() < 0) return Fail(EBADF);
+  if (::shutdown(call.fd(), SHUT_WR) != 0) return FailWithErrno();
+  return 0;
+}
+
 int BindAny(SOCKET s, std::uint16_t port) { return Bind(s, INADDR_ANY, port); }
 
 int Bind(SOCKET s, std::uint32_t host, std::uint16_t port) {

@@ -244,22 +244,6 @@ TEST_F(Session, ConnectOpensATunnel) {
   EXPECT_EQ(Body(client.ReceiveResponse(kWaitMs)), "hello");
 }
 
-TEST_F(Session, UnknownSchemeClosesWithoutAnswer) {
-  RawClient client;
-  ASSERT_TRUE(Connect(client));
-  ASSERT_TRUE(client.Send("GET ftp://files.example/x HTTP/1.1\r\nHost: files.example\r\n\r\n"));
-  EXPECT_TRUE(client.WaitForClose(kWaitMs));
-  EXPECT_EQ(client.ReceiveAvailable(10), "");
-}
-
-TEST_F(Session, UnreachableServerClosesTheConnection) {
-  RawClient client;
-  ASSERT_TRUE(Connect(client));
-  ASSERT_TRUE(client.Send("GET http://no-such-host.invalid/x.html HTTP/1.1\r\nHost: a\r\n\r\n"));
-  EXPECT_TRUE(client.WaitForClose(kWaitMs));
-  EXPECT_NE(RequestLog().find("Connect/Send to the remote host failed "), std::string::npos);
-}
-
 TEST_F(Session, EachBlockNotifiesAWaitingHostOnceAndAPassNever) {
   // Four browsers post side by side while a host thread waits on its window.
   constexpr int kClients = 4;

