@@ -94,7 +94,8 @@ void CProxyClient::RunSession() {
     const bool goOn = (this->*handler)();
     statistics->AddBytes(static_cast<unsigned long>(bytesFromClient_),
                          static_cast<unsigned long>(bytesFromUpstream_));
-    if (!goOn || closeFlag_ || requestClose_) break;
+    // With standard HTTP a server's close concerns its own connection only.
+    if (!goOn || (closeFlag_ && !standardHttp_) || requestClose_) break;
   }
   statistics->AddRequests(served);
   CloseConnections();
@@ -135,6 +136,7 @@ bool CProxyClient::HandleHttp() {
     return true;
   }
   if (RefuseSelfLoop()) return false;
+  if (standardHttp_) return ForwardStandard();
 
   CStringBuffer header;
   if (proxyDestination_.GetSize() > 0) {
@@ -154,9 +156,8 @@ bool CProxyClient::HandleHttp() {
       header << line.GetBuffer();
     }
     header << "\r\n";
-    if (standardHttp_) NameTargetInHost(header);
   }
-  return standardHttp_ ? RelayRequestStandard(header) : RelayRequest(header);
+  return RelayRequest(header);
 }
 
 void CProxyClient::QueueProbe() {
@@ -280,13 +281,16 @@ bool CProxyClient::RelayResponse() {
   return true;
 }
 
-bool CProxyClient::RelayChunked(SOCKET source, SOCKET destination, CBufStream* copy) {
+bool CProxyClient::RelayChunked(SOCKET source, SOCKET destination, CBufStream* copy,
+                                bool decode) {
   CChunkFraming framing(standardHttp_);
   for (;;) {
+    // Decoding passes on the chunks' data alone (the framing is strict then).
+    const bool data = framing.GetState() == CChunkFraming::State::kData;
     const CChunkFraming::Step step =
         framing.Next(receiveBuffer_.GetBuffer(), receiveBuffer_.GetSize());
     if (step.forward > 0) {
-      if (destination != INVALID_SOCKET &&
+      if (destination != INVALID_SOCKET && (data || !decode) &&
           SendAll(destination, receiveBuffer_.GetBuffer(), step.forward) == kIoError) {
         return false;
       }

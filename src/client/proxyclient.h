@@ -33,7 +33,8 @@ class CProxyClient : public CThreadEx, public CHTTPRequest {
   bool RefuseSelfLoop();
   bool HandleUnknown();
   bool RelayRequest(const CStringBuffer& header);
-  bool RelayChunked(SOCKET source, SOCKET destination, CBufStream* copy);
+  // decode (standard HTTP): passes on the chunks' data without the framing.
+  bool RelayChunked(SOCKET source, SOCKET destination, CBufStream* copy, bool decode = false);
   void QueueProbe();
 
  protected:
@@ -43,12 +44,15 @@ class CProxyClient : public CThreadEx, public CHTTPRequest {
   bool RelayResponse();
 
   // Standard HTTP (kExtensionStandardHttp): standardhttp.cpp.
+  bool ForwardStandard();
+  bool AnswerLastHop();
   bool RelayRequestStandard(const CStringBuffer& header);
   bool RelayResponseStandard();
+  // The response's start line and fields as they go to the browser.
+  void BuildResponseHead(CBufStream& head, bool closing, bool decoding);
   bool ForwardInterim();
   bool RefuseRequest();
   bool DrainRequestBody();
-  void NameTargetInHost(CStringBuffer& header);
   // Answers the browser with status and what failed, and ends the session
   // (false).
   bool AnswerError(int status, const CStringBuffer& what);

@@ -2,10 +2,13 @@
 // one message at a time and never a byte past its end, bodies framed by the
 // standard's rules, a request sent twice only when that is safe, and an
 // answer of our own where the designed relay closes without a word.
+#include <cstdlib>
 #include <cstring>
 #include <string>
+#include <string_view>
 
 #include "client/proxyclient.h"
+#include "http/headerparser.h"
 #include "http/internal.h"
 #include "http/requesttarget.h"
 #include "http/services.h"
@@ -28,6 +31,10 @@ bool IsIdempotent(const CStringBuffer& method) {
     if (std::strcmp(method.GetBuffer(), name) == 0) return true;
   }
   return false;
+}
+
+std::string_view View(const CBufStream& text) {
+  return std::string_view(text.GetBuffer(), static_cast<std::size_t>(text.GetSize()));
 }
 
 // "HTTP/1.0" at the start of text.
@@ -82,38 +89,65 @@ bool CProxyClient::DrainRequestBody() {
   return DiscardBody(clientSocket_) != kIoError;
 }
 
-void CProxyClient::NameTargetInHost(CStringBuffer& header) {
-  // The server must learn the host the request was judged by: a Host field
-  // naming another (allowed with an absolute URL) would let a request reach
-  // a server the filter never saw.
+bool CProxyClient::ForwardStandard() {
+  // OPTIONS and TRACE count their hops down; the last hop answers itself.
+  long maxForwards = -1;
+  const auto field = headerMap_.find("max-forwards");
+  const bool counted = std::strcmp(method_.GetBuffer(), "OPTIONS") == 0 ||
+                       std::strcmp(method_.GetBuffer(), "TRACE") == 0;
+  if (field != headerMap_.end() && counted &&
+      !field->second.empty() && field->second.size() < 10 &&
+      field->second.find_first_not_of("0123456789") == std::string::npos) {
+    maxForwards = std::atol(field->second.c_str());
+  }
+  if (maxForwards == 0) return AnswerLastHop();
+
+  CStringBuffer header;
+  if (proxyDestination_.GetSize() > 0) {
+    header = rawHeader_;  // for the named destination, as it came
+    return RelayRequestStandard(header);
+  }
+  // The server learns the host the request was judged by, whatever Host
+  // said, in our own protocol version, without what concerned the browser's
+  // connection alone.
   CStringBuffer authority(host_);
   AppendPort(authority, urlPort_);
-  const std::string text(header.GetBuffer(), static_cast<std::size_t>(header.GetSize()));
-  std::size_t at = text.find("\r\n") + 2;
-  std::string out = text.substr(0, at);
-  bool named = false;
-  for (std::size_t end = text.find("\r\n", at); end != std::string::npos && end > at;
-       at = end + 2, end = text.find("\r\n", at)) {
-    std::string line = text.substr(at, end - at);
-    const std::size_t colon = line.find(':');
-    if (colon == 4 && CStringBuffer(line.substr(0, 4).c_str()) == "Host") {
-      CStringBuffer host;
-      unsigned short port = 0;
-      std::string value = line.substr(5);
-      value.erase(0, value.find_first_not_of(" \t"));
-      value.erase(value.find_last_not_of(" \t") + 1);
-      if (ParseAuthority(value, kHttpPort, host, port) != nullptr ||
-          !(host == host_.GetBuffer()) || port != urlPort_) {
-        line = std::string("Host: ") + authority.GetBuffer();
-      }
-      named = true;
-    }
-    out += line + "\r\n";
+  header << method_.GetBuffer() << " ";
+  if (useUpstreamProxy_) header << scheme_.GetBuffer() << "://" << authority.GetBuffer();
+  header << requestTarget_.GetBuffer() << " HTTP/1.1\r\nHost: " << authority.GetBuffer() << "\r\n";
+  std::string fields(View(otherHeaderLines_));
+  fields += View(proxyConnectionLine_);
+  const ForwardedFields forwarded =
+      StripHopByHop(fields, {"host", maxForwards > 0 ? "max-forwards" : ""});
+  header.AddString(forwarded.lines.data(), static_cast<int>(forwarded.lines.size()));
+  if (maxForwards > 0) header << "Max-Forwards: " << static_cast<int>(maxForwards - 1) << "\r\n";
+  // The server connection is not kept for a browser that leaves.
+  if (requestClose_) {
+    header << "Connection: close\r\n";
+  } else if (forwarded.upgrade) {
+    header << "Connection: upgrade\r\n";
   }
-  if (!named) out.insert(text.find("\r\n") + 2, std::string("Host: ") + authority.GetBuffer() + "\r\n");
-  out += "\r\n";
-  header.Initialize();
-  header.AddString(out.data(), static_cast<int>(out.size()));
+  header << "\r\n";
+  return RelayRequestStandard(header);
+}
+
+bool CProxyClient::AnswerLastHop() {
+  if (!DrainRequestBody()) return false;
+  // TRACE shows the request as it arrived here, without what could be a
+  // secret of the browser's; OPTIONS learns that the proxy is there.
+  CStringBuffer body;
+  if (std::strcmp(method_.GetBuffer(), "TRACE") == 0) {
+    body << startLine_.GetBuffer();
+    const ForwardedFields shown =
+        StripHopByHop(View(headerLines_), {"cookie", "authorization", "proxy-authorization"});
+    body.AddString(shown.lines.data(), static_cast<int>(shown.lines.size()));
+    body << "\r\n";
+  }
+  CStringBuffer reply("HTTP/1.1 200 OK\r\n");
+  if (body.GetSize() > 0) reply << "Content-Type: message/http\r\n";
+  reply << "Cache-Control: no-store\r\nServer: Vexilo\r\nContent-Length: " << body.GetSize()
+        << "\r\n\r\n" << body.GetBuffer();
+  return SendAll(clientSocket_, reply, reply.GetSize()) != kIoError;
 }
 
 bool CProxyClient::RelayRequestStandard(const CStringBuffer& header) {
@@ -153,7 +187,7 @@ bool CProxyClient::RelayRequestStandard(const CStringBuffer& header) {
     if (sent && chunkedFlag_) {
       eventLog_ << CLogManip(kLevelVerbose) << connectionTag_.GetBuffer()
                 << "Request has Chunked data " << lend;
-      sent = RelayChunked(clientSocket_, upstreamSocket_, &retry);
+      sent = RelayChunked(clientSocket_, upstreamSocket_, nullptr);  // sent once: no copy
     } else if (sent) {
       sent = ForwardBody(clientSocket_, upstreamSocket_, contentLength_, &retry) != kIoError;
     }
@@ -162,7 +196,8 @@ bool CProxyClient::RelayRequestStandard(const CStringBuffer& header) {
                                 lastSendFailure_ == upstreamSocket_;
       CloseUpstream();
       if (!serverFailed) {
-        return AnswerError(400, messageError_ != nullptr ? messageError_ : "incomplete request body");
+        return AnswerError(400,
+                           messageError_ != nullptr ? messageError_ : "incomplete request body");
       }
       if (mayRetry) {
         requeue(receiveBuffer_);
@@ -216,20 +251,40 @@ bool CProxyClient::RelayRequestStandard(const CStringBuffer& header) {
   }
 }
 
+void CProxyClient::BuildResponseHead(CBufStream& head, bool closing, bool decoding) {
+  // Our own protocol version; the fields without those of the server's
+  // connection, and the close of ours when it follows.
+  head << "HTTP/1.1";
+  head.AddString(startLine_.GetBuffer() + 8, startLine_.GetSize() - 8);
+  const ForwardedFields fields =
+      StripHopByHop(View(headerLines_), {decoding ? "transfer-encoding" : ""});
+  head.AddString(fields.lines.data(), static_cast<int>(fields.lines.size()));
+  if (statusCode_ == 101 && fields.upgrade) {
+    head << "Connection: upgrade\r\n";
+  } else if (closing) {
+    head << "Connection: close\r\n";
+  }
+  head << "\r\n";
+  AddVia(head, startLine_.GetBuffer());
+}
+
 bool CProxyClient::ForwardInterim() {
   // An HTTP/1.0 browser knows no interim answers.
   if (IsHttp10(version_.GetBuffer())) return true;
   CBufStream head;
-  head << startLine_.GetBuffer() << headerLines_.GetBuffer();
-  AddVia(head, startLine_.GetBuffer());
+  BuildResponseHead(head, false, false);
   return SendAll(clientSocket_, head.GetBuffer(), head.GetSize()) != kIoError;
 }
 
 bool CProxyClient::RelayResponseStandard() {
   verdict_ = VerdictNoMatch;
+  const bool bodyless = std::strcmp(method_.GetBuffer(), "HEAD") == 0 || statusCode_ == 204 ||
+                        statusCode_ == 304 || statusCode_ < 200;
+  const bool untilClose = !bodyless && !chunkedFlag_ && !framing_.hasLength;
+  // An HTTP/1.0 browser reads no chunks: it gets the data, ended by our close.
+  const bool decoding = !bodyless && chunkedFlag_ && IsHttp10(version_.GetBuffer());
   CBufStream head;
-  head << startLine_.GetBuffer() << headerLines_.GetBuffer();
-  AddVia(head, startLine_.GetBuffer());
+  BuildResponseHead(head, requestClose_ || untilClose, decoding);
 
   if (statusCode_ == 101) {
     // The connection speaks another protocol from here on: bytes pass both
@@ -248,8 +303,7 @@ bool CProxyClient::RelayResponseStandard() {
 
   // An HTTP/1.0 server closes after its answer unless it offered otherwise.
   bool reusable = !closeFlag_ && (!IsHttp10(startLine_.GetBuffer()) || framing_.keepAlive);
-  if (std::strcmp(method_.GetBuffer(), "HEAD") == 0 || statusCode_ == 204 ||
-      statusCode_ == 304 || statusCode_ < 200) {
+  if (bodyless) {
     // No body, whatever the fields say.
     if (SendAll(clientSocket_, head.GetBuffer(), head.GetSize()) == kIoError) return false;
   } else if (chunkedFlag_) {
@@ -257,7 +311,7 @@ bool CProxyClient::RelayResponseStandard() {
               << "Response has Chunked data " << lend;
     if (SendAll(clientSocket_, head.GetBuffer(), head.GetSize()) == kIoError) return false;
     // A body cut short or garbled: only our close tells the browser, at once.
-    if (!RelayChunked(upstreamSocket_, clientSocket_, nullptr)) return false;
+    if (!RelayChunked(upstreamSocket_, clientSocket_, nullptr, decoding)) return false;
   } else if (framing_.hasLength) {
     if (ForwardBody(upstreamSocket_, clientSocket_, contentLength_, nullptr, &head) == kIoError) {
       return false;

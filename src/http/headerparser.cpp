@@ -4,6 +4,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
 #include "http/urlparser.h"
 
@@ -447,4 +448,44 @@ MessageFraming ReadFraming(std::string_view lines, bool isRequest, bool http10) 
     framing.length = 0;
   }
   return framing;
+}
+
+ForwardedFields StripHopByHop(std::string_view lines,
+                              std::initializer_list<std::string_view> drop) {
+  // Field lines of a header the strict scanner and ReadFraming accepted:
+  // "name: value" with CRLF, up to an empty line or the end.
+  auto each = [&lines](auto visit) {
+    for (std::string_view rest = lines; !rest.empty();) {
+      const std::size_t end = rest.find("\r\n");
+      const std::string_view line = rest.substr(0, end);
+      if (line.empty()) break;
+      const std::size_t colon = line.find(':');
+      visit(line, line.substr(0, colon), TrimOws(line.substr(colon + 1)));
+      if (end == std::string_view::npos) break;
+      rest.remove_prefix(end + 2);
+    }
+  };
+  std::vector<std::string_view> named = {"connection", "keep-alive", "proxy-connection", "te"};
+  named.insert(named.end(), drop.begin(), drop.end());
+  ForwardedFields out;
+  each([&](std::string_view, std::string_view name, std::string_view value) {
+    if (!EqualsIgnoringCase(name, "Connection") && !EqualsIgnoringCase(name, "Proxy-Connection")) {
+      return;
+    }
+    ForEachMember(value, [&](std::string_view option) {
+      if (EqualsIgnoringCase(option, "upgrade")) {
+        out.upgrade = true;
+      } else {
+        named.push_back(option);
+      }
+    });
+  });
+  if (!out.upgrade) named.push_back("upgrade");
+  each([&](std::string_view line, std::string_view name, std::string_view) {
+    for (std::string_view n : named) {
+      if (EqualsIgnoringCase(name, n)) return;
+    }
+    out.lines.append(line.data(), line.size()).append("\r\n");
+  });
+  return out;
 }

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <functional>
+#include <initializer_list>
 #include <map>
 #include <string>
 #include <string_view>
@@ -121,3 +122,14 @@ struct MessageFraming {
 // count as its Connection options, since they reach the server as those; a
 // request with two Host fields names no one server and is an error too.
 MessageFraming ReadFraming(std::string_view lines, bool isRequest, bool http10);
+
+// A header's field lines as a proxy passes them on: without Connection, the
+// fields its options name, and the fields that concern one connection only
+// (Keep-Alive, Proxy-Connection, TE, and Upgrade unless "upgrade" is an
+// option, which upgrade then says), nor the fields named in drop (lower
+// case). Each line keeps its text and its CRLF.
+struct ForwardedFields {
+  std::string lines;
+  bool upgrade = false;
+};
+ForwardedFields StripHopByHop(std::string_view lines, std::initializer_list<std::string_view> drop);

@@ -105,6 +105,13 @@ const char* ParseStrict(std::string_view startLine, const char* hostField,
     return error;
   }
   target.remove_prefix(pathStart);
+  // The URL names the server; a Host field must still be a host.
+  CStringBuffer fieldHost;
+  unsigned short fieldPort = 0;
+  if (hostField != nullptr && *hostField != '\0' &&
+      ParseAuthority(hostField, kHttpPort, fieldHost, fieldPort) != nullptr) {
+    return "malformed Host field";
+  }
   if (target.empty() || target[0] == '?') parts.requestTarget = "/";
   parts.requestTarget.AddString(target.data(), static_cast<int>(target.size()));
   return nullptr;

@@ -130,7 +130,8 @@ class StandardHttp : public ServiceFixture {
       ASSERT_TRUE(browser.Send(fill(c.sends[i])));
       if (i + 1 < c.sends.size()) received += browser.ReceiveResponse(kWaitMs);
     }
-    received += browser.Receive(expected.size() - std::min(expected.size(), received.size()), kWaitMs);
+    received += browser.Receive(expected.size() - std::min(expected.size(), received.size()),
+                                kWaitMs);
     received += browser.ReceiveAvailable(50);
     for (std::size_t at = 0; (at = received.find("\r\nDate: ", at)) != std::string::npos;) {
       at += 8;
@@ -216,6 +217,23 @@ TEST_F(StandardHttp, RequestsAreJudgedOneAtATimeAndFramedOrRefused) {
        {gotX, Ok("hello"), kOpen}, {"", Refused(400, "user information in the URL"), kClosed}},
       {"a NUL in the URL", {}, {url + "{P}/x" + std::string(1, '\0') + "/banner/ad.gif" + host},
        {gotX, Ok("hello"), kOpen}, {"", Refused(400, "NUL in the header"), kClosed}},
+      {"fields for the browser's connection alone", {},
+       {Get("/x", "Connection: X-S\r\nX-S: 1\r\nKeep-Alive: 5\r\nTE: trailers\r\nUpgrade: u/1\r\n"
+                  "Proxy-Connection: keep-alive\r\n")},
+       {Got("/x", "Connection: X-S\r\nX-S: 1\r\nKeep-Alive: 5\r\nTE: trailers\r\nUpgrade: u/1\r\n"
+                  "Connection: keep-alive\r\n"), Ok("hello"), kOpen},
+       {viaX, Ok("hello", true), kOpen}},
+      {"a later HTTP/1.x", {}, {url + "{P}/x HTTP/1.2\r\nHost: 127.0.0.1:{P}\r\n\r\n"},
+       {"GET /x HTTP/1.2\r\nHost: 127.0.0.1:{P}\r\n\r\n", Ok("hello"), kOpen},
+       {"GET /x HTTP/1.1\r\nHost: 127.0.0.1:{P}\r\nVia: 1.2 Vexilo\r\n\r\n", Ok("hello", true),
+        kOpen}},
+      {"OPTIONS for its last hop", {}, {Get("/x", "Max-Forwards: 0\r\n", "OPTIONS")},
+       {Got("/x", "Max-Forwards: 0\r\n", false, "OPTIONS"), Ok("hello"), kOpen},
+       {"", "HTTP/1.1 200 OK\r\nCache-Control: no-store\r\nServer: Vexilo\r\n"
+            "Content-Length: 0\r\n\r\n", kOpen}},
+      {"OPTIONS for more hops", {}, {Get("/x", "Max-Forwards: 5\r\n", "OPTIONS")},
+       {Got("/x", "Max-Forwards: 5\r\n", false, "OPTIONS"), Ok("hello"), kOpen},
+       {Got("/x", "Max-Forwards: 4\r\n", true, "OPTIONS"), Ok("hello", true), kOpen}},
       {"an unknown scheme", {}, {"GET ftp://f.example/x HTTP/1.1\r\nHost: f.example\r\n\r\n"},
        {"", "", kClosed}, {"", Refused(400, "no relay for ftp URLs"), kClosed}},
   });
@@ -228,9 +246,10 @@ TEST_F(StandardHttp, ResponsesEndWhereTheirFramingSays) {
   const std::string both = "HTTP/1.1 200 OK\r\nContent-Length: 3\r\nTransfer-Encoding: chunked\r\n";
   const std::string head = "HTTP/1.1 200 OK\r\nContent-Length: 5\r\n";
   const std::string same = "HTTP/1.1 304 Not Modified\r\nContent-Length: 5\r\n";
-  const std::string busy = "HTTP/1.1 503 Busy\r\n", moved = "HTTP/1.1 301 Moved\r\nLocation: /y\r\n";
+  const std::string busy = "HTTP/1.1 503 Busy\r\n";
+  const std::string moved = "HTTP/1.1 301 Moved\r\nLocation: /y\r\n";
   const std::string interim = "HTTP/1.1 100 Continue\r\n";
-  const std::string via = "Via: 1.1 Vexilo\r\n";
+  const std::string via = "Via: 1.1 Vexilo\r\n", close = "Connection: close\r\n";
   const std::string body = "\r\n5\r\nhello\r\n0\r\n\r\n";
   RunBoth({
       {"bytes past the body", {Raw(Ok("hello") + Ok("evil"))}, {x},
@@ -253,19 +272,26 @@ TEST_F(StandardHttp, ResponsesEndWhereTheirFramingSays) {
       {"304 with a Content-Length", {Raw(same + "\r\n")}, {x}, {gotX, same + "\r\n", kOpen},
        {viaX, same + via + "\r\n", kOpen}},
       {"503 without a length", {Raw(busy + "\r\nbusy").ThenClose()}, {x},
-       {gotX, busy + "\r\n", kOpen}, {viaX, busy + via + "\r\nbusy", kClosed}},
+       {gotX, busy + "\r\n", kOpen}, {viaX, busy + close + via + "\r\nbusy", kClosed}},
       {"301 without a length", {Raw(moved + "\r\nmoved").ThenClose()}, {x},
-       {gotX, moved + "\r\n", kOpen}, {viaX, moved + via + "\r\nmoved", kClosed}},
+       {gotX, moved + "\r\n", kOpen}, {viaX, moved + close + via + "\r\nmoved", kClosed}},
+      {"a chunked answer to an HTTP/1.0 browser", {Raw(chunked + body)},
+       {"GET http://127.0.0.1:{P}/x HTTP/1.0\r\n\r\n"},
+       {"GET /x HTTP/1.0\r\n\r\n", chunked + body, kOpen},
+       {"GET /x HTTP/1.1\r\nHost: 127.0.0.1:{P}\r\n" + close + "Via: 1.0 Vexilo\r\n\r\n",
+        "HTTP/1.1 200 OK\r\n" + close + via + "\r\nhello", kClosed}},
+      {"fields for the server's connection alone",
+       {Raw("HTTP/1.1 200 OK\r\nConnection: X-S, keep-alive\r\nX-S: 1\r\nKeep-Alive: timeout=5\r\n"
+            "Content-Length: 5\r\n\r\nhello")},
+       {x}, {gotX, "HTTP/1.1 200 OK\r\nConnection: X-S, keep-alive\r\nX-S: 1\r\n"
+                   "Keep-Alive: timeout=5\r\nContent-Length: 5\r\n\r\nhello", kOpen},
+       {viaX, Ok("hello", true), kOpen}},
       {"an interim answer first", {Raw(interim + "\r\n" + Ok("hello"))}, {x},
        {gotX, interim + "\r\n" + Ok("hello"), kOpen},
        {viaX, interim + via + "\r\n" + Ok("hello", true), kOpen}},
-      {"the browser asks to close", {}, {Get("/x", "Connection: close\r\n")},
-       {Got("/x", "Connection: close\r\n"), Ok("hello"), kOpen},
-       {Got("/x", "Connection: close\r\n", true), Ok("hello", true), kClosed}},
-      {"an HTTP/1.0 browser", {}, {"GET http://127.0.0.1:{P}/x HTTP/1.0\r\n\r\n"},
-       {"GET /x HTTP/1.0\r\n\r\n", Ok("hello"), kOpen},
-       {"GET /x HTTP/1.0\r\nHost: 127.0.0.1:{P}\r\nVia: 1.0 Vexilo\r\n\r\n", Ok("hello", true),
-        kClosed}},
+      {"the browser asks to close", {}, {Get("/x", close)}, {Got("/x", close), Ok("hello"), kOpen},
+       {Got("/x", close, true), "HTTP/1.1 200 OK\r\nContent-Length: 5\r\n" + close + via +
+                                    "\r\nhello", kClosed}},
   });
 }
 

@@ -276,3 +276,15 @@ TEST(MessageFraming, EveryFieldLineCountsAndDoubtfulFramingIsAnError) {
     EXPECT_EQ(f.keepAlive, c.keepAlive) << c.lines;
   }
 }
+
+TEST(StripHopByHop, FieldsOfOneConnectionStayBehind) {
+  const std::string lines =
+      "Host: h\r\nConnection: X-A, upgrade\r\nx-a: 1\r\nUpgrade: ws\r\nKeep-Alive: 5\r\nTE: t\r\n"
+      "Proxy-Connection: X-B\r\nX-B: 2\r\nAccept: */*\r\n\r\nAfter: blank\r\n";
+  ForwardedFields f = StripHopByHop(lines, {"host"});
+  EXPECT_EQ(f.lines, "Upgrade: ws\r\nAccept: */*\r\n");
+  EXPECT_TRUE(f.upgrade);
+  f = StripHopByHop("Upgrade: ws\r\nX: 1\r\n", {""});
+  EXPECT_EQ(f.lines, "X: 1\r\n");
+  EXPECT_FALSE(f.upgrade);
+}
